@@ -1,0 +1,18 @@
+/*
+ * Everything a servlet module needs: include this one header.
+ */
+#ifndef VESK_INCLUDED
+#define VESK_INCLUDED
+
+#include <vesk/Export.h>
+#include <vesk/Exception.h>
+#include <vesk/Mem.h>
+#include <vesk/Arena.h>
+#include <vesk/System.h>
+#include <vesk/Error.h>
+#include <vesk/Container.h>
+/* @modules@ */
+
+#include <vesk/assert.h>
+
+#endif

@@ -1,0 +1,33 @@
+/* The library's C face: a plain C11 program includes vesk.h and uses it. */
+#include <stdio.h>
+#include <string.h>
+
+#include <vesk/vesk.h>
+
+static int failures;
+
+#define CHECK(cond)                                                                              \
+        do {                                                                                     \
+                if (!(cond)) {                                                                   \
+                        fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+                        failures++;                                                              \
+                }                                                                                \
+        } while (0)
+
+int main(void) {
+        Arena_T arena = Arena_new();
+        char* s = ARENA_ALLOC(arena, 6);
+        memcpy(s, "hello", 6);
+        CHECK(strcmp(s, "hello") == 0);
+        Arena_dispose(&arena);
+        CHECK(arena == NULL);
+
+        char* p = ALLOC(10);
+        FREE(p);
+        CHECK(p == NULL);
+        CHECK(strcmp(AssertException.name, "AssertException") == 0);
+        /* @checks@ */
+
+        printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
+        return failures != 0;
+}
