@@ -13,6 +13,9 @@
 #include <vesk/Container.h>
 /* @modules@ */
 #include <vesk/Bit.h>
+#include <vesk/Array.h>
+#include <vesk/Seq.h>
+#include <vesk/Ring.h>
 
 #include <vesk/assert.h>
 
