@@ -16,6 +16,7 @@
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
 #include <vesk/Ring.h>
+#include <vesk/Time.h>
 
 #include <vesk/assert.h>
 

@@ -27,6 +27,15 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        Bit_T bits = Bit_new();
+        CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
+        Bit_free(&bits);
+        CHECK(bits == NULL);
+        Seq_T seq = Seq_seq("a", "b", NULL);
+        CHECK(Seq_length(seq) == 2 && strcmp(Seq_get(seq, 1), "b") == 0);
+        Seq_free(&seq);
+        char date[30];
+        CHECK(strcmp(Time_gmtstring(784111777, date), "Sun, 06 Nov 1994 08:49:37 GMT") == 0);
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;
