@@ -7,7 +7,9 @@ headers=$2
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-nm -D --defined-only "$lib" | awk 'NF == 3 && $2 ~ /^[A-Za-z]$/ {print $3}' | sort -u >"$work/exported"
+# AddressSanitizer adds an __odr_asan marker for each exported variable; those are its own.
+nm -D --defined-only "$lib" | awk 'NF == 3 && $2 ~ /^[A-Za-z]$/ && $3 !~ /^__odr_asan/ {print $3}' |
+        sort -u >"$work/exported"
 
 # The declared name is the last identifier before the first "(" (functions) or the ";" (variables);
 # "(name)(" and "(*name)(" are unwrapped first.
