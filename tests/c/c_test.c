@@ -27,6 +27,14 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        {
+                char text[] = "  Hello  ";
+                CHECK(strcmp(Str_trim(text), "Hello") == 0);
+                CHECK(Str_isEqual("vesk", "VESK"));
+                char* joined = Str_cat("%s/%d", "a", 1);
+                CHECK(strcmp(joined, "a/1") == 0);
+                FREE(joined);
+        }
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;
