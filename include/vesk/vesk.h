@@ -13,6 +13,7 @@
 #include <vesk/Container.h>
 /* @modules@ */
 #include <vesk/Str.h>
+#include <vesk/StringBuffer.h>
 
 #include <vesk/assert.h>
 
