@@ -17,6 +17,8 @@
 #include <vesk/Seq.h>
 #include <vesk/Ring.h>
 #include <vesk/Time.h>
+#include <vesk/Str.h>
+#include <vesk/StringBuffer.h>
 
 #include <vesk/assert.h>
 

@@ -36,6 +36,14 @@ int main(void) {
         Seq_free(&seq);
         char date[30];
         CHECK(strcmp(Time_gmtstring(784111777, date), "Sun, 06 Nov 1994 08:49:37 GMT") == 0);
+        {
+                char text[] = "  Hello  ";
+                CHECK(strcmp(Str_trim(text), "Hello") == 0);
+                CHECK(Str_isEqual("vesk", "VESK"));
+                char* joined = Str_cat("%s/%d", "a", 1);
+                CHECK(strcmp(joined, "a/1") == 0);
+                FREE(joined);
+        }
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;
