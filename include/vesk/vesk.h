@@ -12,6 +12,8 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/List.h>
+#include <vesk/Vector.h>
 
 #include <vesk/assert.h>
 

@@ -27,6 +27,17 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        {
+                List_T l = List_new();
+                Vector_T v = Vector_new(0);
+                List_append(l, "x");
+                Vector_push(v, "y");
+                CHECK(List_length(l) == 1 && strcmp((char*)l->head->e, "x") == 0);
+                CHECK(strcmp((char*)Vector_get(v, 0), "y") == 0);
+                List_free(&l);
+                Vector_free(&v);
+                CHECK(l == NULL && v == NULL);
+        }
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;
