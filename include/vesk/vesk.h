@@ -12,6 +12,7 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Str.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
 

@@ -28,6 +28,14 @@ int main(void) {
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
         {
+                char text[] = "  Hello  ";
+                CHECK(strcmp(Str_trim(text), "Hello") == 0);
+                CHECK(Str_isEqual("vesk", "VESK"));
+                char* joined = Str_cat("%s/%d", "a", 1);
+                CHECK(strcmp(joined, "a/1") == 0);
+                FREE(joined);
+        }
+        {
                 List_T l = List_new();
                 Vector_T v = Vector_new(0);
                 List_append(l, "x");
