@@ -15,6 +15,8 @@
 #include <vesk/Str.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
+#include <vesk/Table.h>
+#include <vesk/Map.h>
 
 #include <vesk/assert.h>
 

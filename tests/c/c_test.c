@@ -46,6 +46,17 @@ int main(void) {
                 Vector_free(&v);
                 CHECK(l == NULL && v == NULL);
         }
+        {
+                Table_T t = Table_new(0, Str_cmp, Str_hash);
+                Map_T m = Map_new();
+                CHECK(Table_put(t, "k", "1") == NULL);
+                CHECK(strcmp((char*)Table_put(t, "k", "2"), "1") == 0);
+                Map_put(m, "Content-Type", "text/html");
+                CHECK(strcmp(Map_get(m, "content-type"), "text/html") == 0);
+                Table_free(&t);
+                Map_free(&m);
+                CHECK(t == NULL && m == NULL);
+        }
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;
