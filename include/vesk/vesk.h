@@ -17,6 +17,8 @@
 #include <vesk/Vector.h>
 #include <vesk/Table.h>
 #include <vesk/Map.h>
+#include <vesk/Set.h>
+#include <vesk/LRU.h>
 
 #include <vesk/assert.h>
 
