@@ -19,6 +19,7 @@
 #include <vesk/Map.h>
 #include <vesk/Set.h>
 #include <vesk/LRU.h>
+#include <vesk/StringBuffer.h>
 
 #include <vesk/assert.h>
 

@@ -136,10 +136,12 @@ bool Str_startsWith(const char* a, const char* b) {
         if (!a || !b)
                 return false;
         // The empty b is compared at its terminator, so only the empty a starts with it.
-        do {
-                if (upper(*a++) != upper(*b++))
+        if (!*b)
+                return !*a;
+        // A shorter a fails at its terminator, before the walk can pass it.
+        for (; *b; a++, b++)
+                if (upper(*a) != upper(*b))
                         return false;
-        } while (*b);
         return true;
 }
 
