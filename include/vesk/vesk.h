@@ -18,6 +18,12 @@
 #include <vesk/Ring.h>
 #include <vesk/Time.h>
 #include <vesk/Str.h>
+#include <vesk/List.h>
+#include <vesk/Vector.h>
+#include <vesk/Table.h>
+#include <vesk/Map.h>
+#include <vesk/Set.h>
+#include <vesk/LRU.h>
 #include <vesk/StringBuffer.h>
 
 #include <vesk/assert.h>

@@ -44,6 +44,28 @@ int main(void) {
                 CHECK(strcmp(joined, "a/1") == 0);
                 FREE(joined);
         }
+        {
+                List_T l = List_new();
+                Vector_T v = Vector_new(0);
+                List_append(l, "x");
+                Vector_push(v, "y");
+                CHECK(List_length(l) == 1 && strcmp((char*)l->head->e, "x") == 0);
+                CHECK(strcmp((char*)Vector_get(v, 0), "y") == 0);
+                List_free(&l);
+                Vector_free(&v);
+                CHECK(l == NULL && v == NULL);
+        }
+        {
+                Table_T t = Table_new(0, Str_cmp, Str_hash);
+                Map_T m = Map_new();
+                CHECK(Table_put(t, "k", "1") == NULL);
+                CHECK(strcmp((char*)Table_put(t, "k", "2"), "1") == 0);
+                Map_put(m, "Content-Type", "text/html");
+                CHECK(strcmp(Map_get(m, "content-type"), "text/html") == 0);
+                Table_free(&t);
+                Map_free(&m);
+                CHECK(t == NULL && m == NULL);
+        }
 
         printf("%d passed, %d failed\n", failures ? 0 : 1, failures ? 1 : 0);
         return failures != 0;

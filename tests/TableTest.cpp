@@ -1,0 +1,313 @@
+#include <gtest/gtest.h>
+
+#include <stdint.h>
+#include <string.h>
+
+#include <string>
+
+#include <vesk/Arena.h>
+#include <vesk/Map.h>
+#include <vesk/Mem.h>
+#include <vesk/Str.h>
+#include <vesk/Table.h>
+
+#include "Support.hpp"
+
+namespace {
+
+// Integer keys carried in the pointer; the hash is the number, so a key's bucket is known.
+int cmpInt(const void* x, const void* y) {
+        return x != y;
+}
+unsigned int hashInt(const void* x) {
+        return (unsigned int)(uintptr_t)x;
+}
+// Every key in bucket 0, so chain order is visible.
+unsigned int hashZero(const void*) {
+        return 0;
+}
+void* num(uintptr_t n) {
+        return reinterpret_cast<void*>(n);
+}
+
+// The first key of Table_keys: the newest binding of bucket 0 after keys 1..n went in.
+uintptr_t firstKey(int hint, uintptr_t n) {
+        Table_T H = Table_new(hint, cmpInt, hashInt);
+        for (uintptr_t k = 1; k <= n; k++)
+                Table_put(H, num(k), num(k));
+        void** keys = Table_keys(H);
+        uintptr_t first = (uintptr_t)keys[0];
+        FREE(keys);
+        Table_free(&H);
+        return first;
+}
+
+}  // namespace
+
+TEST(Table, ChecksItsArguments) {
+        EXPECT_EQ(assertion([] { Table_new(-1, cmpInt, hashInt); }), "hint >= 0");
+        EXPECT_EQ(assertion([] { Table_new(1, nullptr, hashInt); }), "cmp");
+        EXPECT_EQ(assertion([] { Table_new(1, cmpInt, nullptr); }), "hash");
+        EXPECT_EQ(assertion([] { Table_length(nullptr); }), "H");
+        Table_T H = nullptr;
+        EXPECT_EQ(assertion([&] { Table_free(&H); }), "H && *H");
+        H = Table_new(0, cmpInt, hashInt);
+        EXPECT_EQ(assertion([&] { Table_get(H, nullptr); }), "key");
+        EXPECT_EQ(assertion([&] { Table_put(H, nullptr, num(1)); }), "key");
+        EXPECT_EQ(assertion([&] { Table_remove(H, nullptr); }), "key");
+        EXPECT_EQ(assertion([&] { Table_map(H, nullptr, nullptr); }), "apply");
+        EXPECT_FALSE(Table_has(H, nullptr));
+        Table_free(&H);
+        EXPECT_EQ(H, nullptr);
+
+        Arena_T arena = Arena_new();
+        H = Table_alloc(arena, 0, cmpInt, hashInt);
+        EXPECT_EQ(assertion([&] { Table_free(&H); }), "(*H)->arena == NULL");
+        Arena_dispose(&arena);
+}
+
+TEST(Table, BucketCountIsTheLargestSizeBelowTheHint) {
+        EXPECT_EQ(firstKey(0, 40), 38u);  // 19 buckets: 19 and 38 share bucket 0
+        EXPECT_EQ(firstKey(37, 40), 38u);
+        EXPECT_EQ(firstKey(38, 40), 37u);  // 37 buckets
+        EXPECT_EQ(firstKey(128, 200), 127u);
+        EXPECT_EQ(firstKey(0x7fffffff, 65521), 65521u);
+}
+
+TEST(Table, PutReturnsWhatItReplaced) {
+        char k1[] = "key", k2[] = "key";
+        Table_T H = Table_new(10, Str_cmp, Str_hash);
+        EXPECT_EQ(Table_put(H, k1, num(1)), nullptr);
+        EXPECT_EQ(Table_put(H, k2, num(2)), num(1));
+        EXPECT_EQ(Table_length(H), 1);
+        EXPECT_EQ(Table_get(H, "key"), num(2));
+        EXPECT_EQ(Table_get(H, "KEY"), nullptr);  // case matters
+        EXPECT_TRUE(Table_has(H, "key"));
+        void** pairs = Table_toArray(H);
+        EXPECT_EQ(pairs[0], k1);  // the first key stays
+        EXPECT_EQ(pairs[1], num(2));
+        EXPECT_EQ(pairs[2], nullptr);
+        FREE(pairs);
+        EXPECT_EQ(Table_remove(H, "key"), num(2));
+        EXPECT_EQ(Table_remove(H, "key"), nullptr);
+        EXPECT_EQ(Table_length(H), 0);
+        void** keys = Table_keys(H);
+        EXPECT_EQ(keys[0], nullptr);
+        FREE(keys);
+        Table_free(&H);
+}
+
+TEST(Table, MapMayChangeValuesButNotTheTable) {
+        Table_T H = Table_new(0, cmpInt, hashZero);
+        for (uintptr_t k = 1; k <= 3; k++)
+                Table_put(H, num(k), num(k));
+        std::string order;
+        Table_map(
+            H,
+            [](const void* key, void** value, void* cl) {
+                    *static_cast<std::string*>(cl) += std::to_string((uintptr_t)key);
+                    *value = num((uintptr_t)*value * 10);
+            },
+            &order);
+        EXPECT_EQ(order, "321");  // newest first along a chain
+        EXPECT_EQ(Table_get(H, num(2)), num(20));
+        // Even a removal that misses counts as a change.
+        EXPECT_EQ(assertion([&] {
+                          Table_map(
+                              H,
+                              [](const void*, void**, void* cl) {
+                                      Table_remove(static_cast<Table_T>(cl), num(99));
+                              },
+                              H);
+                  }),
+                  "H->timestamp == stamp");
+        Table_free(&H);
+}
+
+TEST(Table, WalkSurvivesRemovalOnBothPaths) {
+        // 300 removals pass the recycle limit of a heap table, so the late ones free bindings.
+        for (bool arena : {false, true}) {
+                Arena_T A = arena ? Arena_new() : nullptr;
+                Table_T H = Table_alloc(A, 0, cmpInt, hashZero);
+                for (uintptr_t k = 1; k <= 300; k++)
+                        Table_put(H, num(k), num(k));
+                Table_rewind(H);
+                uintptr_t expected = 300, seen = 0;
+                while (void* v = Table_next(H)) {
+                        EXPECT_EQ((uintptr_t)v, expected--);
+                        seen++;
+                        // Drop the binding just returned and the one the walk would return next.
+                        Table_remove(H, v);
+                        if ((uintptr_t)v > 1) {
+                                Table_remove(H, num((uintptr_t)v - 1));
+                                expected--;
+                        }
+                }
+                EXPECT_EQ(seen, 150u);
+                EXPECT_EQ(Table_length(H), 0);
+                EXPECT_EQ(Table_next(H), nullptr);
+                for (uintptr_t k = 1; k <= 300; k++)
+                        Table_put(H, num(k), num(k));
+                EXPECT_EQ(Table_length(H), 300);
+                if (arena)
+                        Arena_dispose(&A);
+                else
+                        Table_free(&H);
+        }
+}
+
+TEST(Table, ArenaTableAllocatesItsArraysInTheArena) {
+        Arena_T arena = Arena_new();
+        Table_T H = Table_alloc(arena, 5, cmpInt, hashInt);
+        Table_put(H, num(7), num(70));
+        void** pairs = Table_toArray(H);  // the arena frees it
+        EXPECT_EQ(pairs[0], num(7));
+        EXPECT_EQ(pairs[1], num(70));
+        EXPECT_EQ(pairs[2], nullptr);
+        Arena_dispose(&arena);
+}
+
+TEST(Map, ChecksItsArguments) {
+        EXPECT_EQ(assertion([] { Map_alloc(nullptr); }), "arena");
+        EXPECT_EQ(assertion([] { Map_length(nullptr); }), "M");
+        Map_T M = nullptr;
+        EXPECT_EQ(assertion([&] { Map_free(&M); }), "M && *M");
+        M = Map_new();
+        EXPECT_EQ(assertion([&] { Map_map(M, nullptr, nullptr); }), "apply");
+        Map_free(&M);
+        Arena_T arena = Arena_new();
+        M = Map_alloc(arena);
+        EXPECT_EQ(assertion([&] { Map_free(&M); }), "(*M)->arena == NULL");
+        Arena_dispose(&arena);
+}
+
+TEST(Map, KeysIgnoreCaseAndKeepTheirValues) {
+        Map_T M = Map_new();
+        Map_put(M, "Accept", "text/html");
+        Map_put(M, "ACCEPT", "text/plain");
+        Map_put(M, nullptr, "ignored");
+        EXPECT_EQ(Map_length(M), 1);
+        EXPECT_STREQ(Map_get(M, "accept"), "text/plain");
+        const char** values = Map_gets(M, "aCCept");
+        ASSERT_NE(values, nullptr);
+        EXPECT_STREQ(values[0], "text/plain");
+        EXPECT_STREQ(values[1], "text/html");
+        EXPECT_EQ(values[2], nullptr);
+        FREE(values);
+        EXPECT_EQ(Map_gets(M, "Host"), nullptr);
+        EXPECT_EQ(Map_gets(M, nullptr), nullptr);
+        EXPECT_EQ(Map_get(M, nullptr), nullptr);
+
+        Map_put(M, "x", nullptr);  // a key without values
+        EXPECT_TRUE(Map_has(M, "X"));
+        EXPECT_EQ(Map_get(M, "x"), nullptr);
+        values = Map_gets(M, "x");
+        EXPECT_EQ(values[0], nullptr);
+        FREE(values);
+
+        Map_set(M, "accept", "*/*");  // replaces all values, keeps the first key text
+        const char** keys = Map_keys(M);
+        EXPECT_STREQ(keys[0], "x");
+        EXPECT_STREQ(keys[1], "Accept");
+        EXPECT_EQ(keys[2], nullptr);
+        FREE(keys);
+        values = Map_values(M);
+        EXPECT_STREQ(values[0], "*/*");
+        EXPECT_EQ(values[1], nullptr);
+        FREE(values);
+
+        Map_remove(M, "ACCEPT");
+        Map_remove(M, "unknown");
+        EXPECT_EQ(Map_length(M), 1);
+        Map_clear(M);
+        EXPECT_EQ(Map_length(M), 0);
+        EXPECT_FALSE(Map_has(M, "x"));
+        Map_put(M, "y", "1");
+        Map_free(&M);
+        EXPECT_EQ(M, nullptr);
+}
+
+TEST(Map, HasValueFindsASubstringIgnoringCase) {
+        Arena_T arena = Arena_new();
+        Map_T M = Map_alloc(arena);
+        Map_put(M, "Accept-Encoding", "GZIP, deflate");
+        EXPECT_TRUE(Map_hasValue(M, "accept-encoding", "gzip"));
+        EXPECT_TRUE(Map_hasValue(M, "accept-encoding", "Deflate"));
+        EXPECT_FALSE(Map_hasValue(M, "accept-encoding", "br"));
+        EXPECT_FALSE(Map_hasValue(M, "accept-encoding", nullptr));
+        EXPECT_FALSE(Map_hasValue(M, nullptr, "gzip"));
+        Map_set(M, "accept-encoding", nullptr);
+        EXPECT_FALSE(Map_hasValue(M, "accept-encoding", "gzip"));
+        EXPECT_TRUE(Map_has(M, "accept-encoding"));
+        Arena_dispose(&arena);
+}
+
+namespace {
+
+const char* vget(Map_T M, const char* fmt, ...) VESK_PRINTF(2, 3);
+const char* vget(Map_T M, const char* fmt, ...) {
+        va_list ap;
+        va_start(ap, fmt);
+        const char* v = Map_vget(M, fmt, ap);
+        va_end(ap);
+        return v;
+}
+
+const char** vgets(Map_T M, const char* fmt, ...) VESK_PRINTF(2, 3);
+const char** vgets(Map_T M, const char* fmt, ...) {
+        va_list ap;
+        va_start(ap, fmt);
+        const char** v = Map_vgets(M, fmt, ap);
+        va_end(ap);
+        return v;
+}
+
+}  // namespace
+
+TEST(Map, FormattedKeysAreCutAt255) {
+        Map_T M = Map_new();
+        std::string key255(255, 'k'), key300(300, 'k');
+        Map_put(M, key255.c_str(), "long");
+        Map_put(M, "item7", "seven");
+        EXPECT_STREQ(vget(M, "item%d", 7), "seven");
+        EXPECT_STREQ(vget(M, "%s", key300.c_str()), "long");
+        const char** values = vgets(M, "ITEM%d", 7);
+        EXPECT_STREQ(values[0], "seven");
+        FREE(values);
+        Map_free(&M);
+}
+
+TEST(Map, MapVisitsEveryValueAndFailsFast) {
+        Map_T M = Map_new();
+        Map_put(M, "a", "1");
+        Map_put(M, "a", "2");
+        Map_put(M, "b", nullptr);
+        std::string seen;
+        Map_map(
+            M,
+            [](const char* key, const char* value, void* cl) {
+                    *static_cast<std::string*>(cl) +=
+                        std::string(key) + "=" + (value ? value : "-") + ";";
+            },
+            &seen);
+        EXPECT_EQ(seen, "b=-;a=2;a=1;");
+        EXPECT_EQ(assertion([&] {
+                          Map_map(
+                              M,
+                              [](const char*, const char*, void* cl) {
+                                      Map_put(static_cast<Map_T>(cl), "c", "3");
+                              },
+                              M);
+                  }),
+                  "M->timestamp == stamp");
+
+        testing::internal::CaptureStdout();
+        Map_remove(M, "a");
+        Map_list(M);
+        EXPECT_EQ(
+            testing::internal::GetCapturedStdout(),
+            "{c={" +
+                std::string(testing::internal::StreamableToString((const void*)Map_get(M, "c"))) +
+                "}, b={null}}\n");
+        Map_free(&M);
+}
