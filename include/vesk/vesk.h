@@ -12,6 +12,9 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Reactor.h>
+#include <vesk/Dispatcher.h>
+#include <vesk/Thread.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
 
