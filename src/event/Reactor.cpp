@@ -1,6 +1,9 @@
 #include <errno.h>
 #include <pthread.h>
+#include <limits.h>
 #include <stddef.h>
+
+#include <atomic>
 
 #include <ev.h>
 
@@ -64,7 +67,8 @@ static_assert(offsetof(EventHandler_S, timer) == sizeof(ev_io),
 
 namespace {
 
-Reactor_T instance = nullptr;
+// Read without the lock on the fast path, so published with release and read with acquire.
+std::atomic<Reactor_T> instance{nullptr};
 pthread_mutex_t instanceMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // The number of handler slots, and so the highest descriptor number plus one that a
@@ -189,35 +193,37 @@ void checkPriority(int priority) {
 /* ------------------------------------------------------------------ Singleton */
 
 Reactor_T Reactor_getInstance(void) {
-        if (!instance) {
+        Reactor_T R = instance.load(std::memory_order_acquire);
+        if (!R) {
                 vesk::Lock lock(instanceMutex);
-                if (!instance) {
+                R = instance.load(std::memory_order_relaxed);
+                if (!R) {
                         int slots = concurrency();
-                        assert(slots > 0);
+                        long bytes =
+                            sizeof(Reactor_S) + static_cast<long>(sizeof(EventHandler_S)) * slots;
+                        assert(slots > 0 && bytes <= INT_MAX);
                         struct ev_loop* loop = ev_default_loop(0);
                         if (!loop)
                                 THROW(AssertException, "Cannot create the event loop\n");
-                        auto R = static_cast<Reactor_T>(CALLOC(
-                            1,
-                            static_cast<int>(sizeof(Reactor_S) + sizeof(EventHandler_S) * slots)));
+                        R = static_cast<Reactor_T>(CALLOC(1, static_cast<int>(bytes)));
                         R->loop = loop;
                         R->concurrency = slots;
                         R->timers = Vector_new(8);
                         R->periodics = Vector_new(8);
                         R->signals = Vector_new(4);
                         R->stopped = 1;
-                        instance = R;
+                        instance.store(R, std::memory_order_release);
                 }
         }
-        return instance;
+        return R;
 }
 
 void Reactor_free(void) {
-        if (!instance)
+        if (!instance.load(std::memory_order_acquire))
                 return;
         vesk::Lock lock(instanceMutex);
-        if (instance) {
-                Reactor_T R = instance;
+        Reactor_T R = instance.load(std::memory_order_relaxed);
+        if (R) {
                 Reactor_stop(R);
                 // A loop that never ran, or ran out of watchers, may still hold records.
                 releaseAll(R);
@@ -226,7 +232,7 @@ void Reactor_free(void) {
                 Vector_free(&R->periodics);
                 Vector_free(&R->signals);
                 FREE(R);
-                instance = nullptr;
+                instance.store(nullptr, std::memory_order_release);
         }
 }
 
