@@ -18,6 +18,9 @@
 #include <vesk/Ring.h>
 #include <vesk/Time.h>
 #include <vesk/Str.h>
+#include <vesk/Reactor.h>
+#include <vesk/Dispatcher.h>
+#include <vesk/Thread.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
 #include <vesk/Table.h>

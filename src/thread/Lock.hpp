@@ -1,0 +1,88 @@
+// Scoped locks over pthread mutexes and read-write locks.
+//
+// Taking or releasing a lock is checked: a non-zero status raises AssertException with the
+// text "_yystatus == 0". A guard releases what it holds when it goes out of scope, also
+// when a raise leaves the scope; an unlock that fails while a raise is already on its way
+// is logged instead, since two raises at once would end the process.
+#pragma once
+
+#include <pthread.h>
+#include <exception>
+
+#include <vesk/Error.h>
+#include <vesk/System.h>
+#include <vesk/assert.h>
+
+// The plain forms, for the rare code that cannot hold a guard.
+#define LOCK(mutex)                                           \
+        do {                                                  \
+                int _yystatus = pthread_mutex_lock(&(mutex)); \
+                assert(_yystatus == 0);                       \
+        } while (0)
+#define UNLOCK(mutex)                                           \
+        do {                                                    \
+                int _yystatus = pthread_mutex_unlock(&(mutex)); \
+                assert(_yystatus == 0);                         \
+        } while (0)
+
+namespace vesk {
+
+// Releases through `release`; raises on failure unless the scope is being left by a raise.
+template <typename L>
+inline void releaseChecked(L* lock, int (*release)(L*)) {
+        int _yystatus = release(lock);
+        if (_yystatus != 0) {
+                if (std::uncaught_exceptions() > 0)
+                        Error_error("Lock: release failed while unwinding -- %s\n",
+                                    System_getError(_yystatus));
+                else
+                        assert(_yystatus == 0);
+        }
+}
+
+// Holds a mutex for the guard's scope. unlock() and lock() let a scope step out of the
+// mutex for a while (to run a callback, say) and take it back.
+class Lock {
+public:
+        explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { lock(); }
+        ~Lock() noexcept(false) {
+                if (held_)
+                        releaseChecked(&mutex_, pthread_mutex_unlock);
+        }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+        void lock() {
+                int _yystatus = pthread_mutex_lock(&mutex_);
+                assert(_yystatus == 0);
+                held_ = true;
+        }
+        void unlock() {
+                held_ = false;
+                int _yystatus = pthread_mutex_unlock(&mutex_);
+                assert(_yystatus == 0);
+        }
+
+private:
+        pthread_mutex_t& mutex_;
+        bool held_ = false;
+};
+
+// Holds a read-write lock for reading, or for writing, for the guard's scope.
+class RWLock {
+public:
+        enum Mode { Read, Write };
+        RWLock(pthread_rwlock_t& lock, Mode mode) : lock_(lock) {
+                int _yystatus =
+                    mode == Read ? pthread_rwlock_rdlock(&lock_) : pthread_rwlock_wrlock(&lock_);
+                assert(_yystatus == 0);
+        }
+        ~RWLock() noexcept(false) { releaseChecked(&lock_, pthread_rwlock_unlock); }
+        RWLock(const RWLock&) = delete;
+        RWLock& operator=(const RWLock&) = delete;
+
+private:
+        pthread_rwlock_t& lock_;
+};
+
+}  // namespace vesk
