@@ -12,6 +12,13 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Net.h>
+#include <vesk/ServerSocket.h>
+#include <vesk/InetAddress.h>
+#include <vesk/Socket.h>
+#include <vesk/InputStream.h>
+#include <vesk/OutputStream.h>
+#include <vesk/Chain.h>
 #include <vesk/Str.h>
 
 #include <vesk/assert.h>
