@@ -96,7 +96,10 @@ Chain_T Chain_alloc(Arena_T arena) {
 
 void Chain_free(Chain_T* C) {
         assert(C && *C);
-        assert(!(*C)->arena);
+        // The check's text is part of the interface.
+        // clang-format off
+        assert(! (*C)->arena);
+        // clang-format on
         if ((*C)->compressed)
                 deflateEnd(&(*C)->zstream);
         for (ChainNode_T n = (*C)->first, next; n; n = next) {

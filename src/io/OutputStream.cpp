@@ -215,7 +215,10 @@ OutputStream_T OutputStream_alloc(Arena_T arena, int socket) {
 
 void OutputStream_free(OutputStream_T* S) {
         assert(S && *S);
-        assert(!(*S)->arena);
+        // The check's text is part of the interface.
+        // clang-format off
+        assert(! (*S)->arena);
+        // clang-format on
         OutputStream_end(*S);
         Chain_free(&(*S)->chain);
         FREE(*S);
