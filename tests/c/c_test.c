@@ -28,6 +28,14 @@ int main(void) {
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
         {
+                Chain_T chain = Chain_new();
+                Chain_print(chain, "%s %d", "streams", 1);
+                CHECK(Chain_size(chain) == 9);
+                Chain_free(&chain);
+                CHECK(chain == NULL);
+                CHECK(Net_getIPVersion(NULL) == -1);
+        }
+        {
                 char text[] = "  Hello  ";
                 CHECK(strcmp(Str_trim(text), "Hello") == 0);
                 CHECK(Str_isEqual("vesk", "VESK"));
