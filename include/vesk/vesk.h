@@ -17,6 +17,13 @@
 #include <vesk/Seq.h>
 #include <vesk/Ring.h>
 #include <vesk/Time.h>
+#include <vesk/Net.h>
+#include <vesk/ServerSocket.h>
+#include <vesk/InetAddress.h>
+#include <vesk/Socket.h>
+#include <vesk/InputStream.h>
+#include <vesk/OutputStream.h>
+#include <vesk/Chain.h>
 #include <vesk/Str.h>
 #include <vesk/Reactor.h>
 #include <vesk/Dispatcher.h>

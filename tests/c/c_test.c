@@ -37,6 +37,14 @@ int main(void) {
         char date[30];
         CHECK(strcmp(Time_gmtstring(784111777, date), "Sun, 06 Nov 1994 08:49:37 GMT") == 0);
         {
+                Chain_T chain = Chain_new();
+                Chain_print(chain, "%s %d", "streams", 1);
+                CHECK(Chain_size(chain) == 9);
+                Chain_free(&chain);
+                CHECK(chain == NULL);
+                CHECK(Net_getIPVersion(NULL) == -1);
+        }
+        {
                 char text[] = "  Hello  ";
                 CHECK(strcmp(Str_trim(text), "Hello") == 0);
                 CHECK(Str_isEqual("vesk", "VESK"));
