@@ -12,6 +12,12 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Crypto.h>
+#include <vesk/Base64.h>
+#include <vesk/SASL.h>
+#include <vesk/Entropy.h>
+#include <vesk/File.h>
+#include <vesk/Dir.h>
 #include <vesk/Str.h>
 
 #include <vesk/assert.h>

@@ -1,0 +1,106 @@
+#include <stdint.h>
+
+#include <array>
+
+#include <vesk/Base64.h>
+#include <vesk/assert.h>
+
+namespace {
+
+constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+// Value of each byte in the alphabet, or -1 for a byte outside it ('=' included).
+constexpr std::array<int8_t, 256> kValues = [] {
+        std::array<int8_t, 256> t{};
+        t.fill(-1);
+        for (int i = 0; i < 64; i++)
+                t[static_cast<unsigned char>(kAlphabet[i])] = static_cast<int8_t>(i);
+        return t;
+}();
+
+inline int value(char c) {
+        return kValues[static_cast<unsigned char>(c)];
+}
+
+int validLength(const char* source) {
+        int n = 0;
+        while (value(source[n]) >= 0)
+                n++;
+        return n;
+}
+
+// A last group of 2, 3 or 4 characters gives 1, 2 or 3 bytes; a lone one gives none.
+int decodedLength(int n) {
+        static constexpr int kTail[] = {0, 0, 1, 2};
+        return n / 4 * 3 + kTail[n % 4];
+}
+
+int decode(unsigned char* dest, const char* source) {
+        int n = validLength(source);
+        unsigned char* d = dest;
+        int i = 0;
+        for (; i + 4 <= n; i += 4) {
+                uint32_t v = value(source[i]) << 18 | value(source[i + 1]) << 12 |
+                             value(source[i + 2]) << 6 | value(source[i + 3]);
+                *d++ = static_cast<unsigned char>(v >> 16);
+                *d++ = static_cast<unsigned char>(v >> 8);
+                *d++ = static_cast<unsigned char>(v);
+        }
+        int rest = n - i;
+        if (rest >= 2) {
+                uint32_t v = value(source[i]) << 18 | value(source[i + 1]) << 12;
+                if (rest == 3)
+                        v |= value(source[i + 2]) << 6;
+                *d++ = static_cast<unsigned char>(v >> 16);
+                if (rest == 3)
+                        *d++ = static_cast<unsigned char>(v >> 8);
+        }
+        return static_cast<int>(d - dest);
+}
+
+}  // namespace
+
+int Base64_encode(char* dest, const void* source, int length) {
+        assert(dest);
+        assert(source);
+        assert(length >= 0);
+        const auto* s = static_cast<const unsigned char*>(source);
+        char* d = dest;
+        int i = 0;
+        for (; i + 3 <= length; i += 3) {
+                uint32_t v = s[i] << 16 | s[i + 1] << 8 | s[i + 2];
+                *d++ = kAlphabet[v >> 18];
+                *d++ = kAlphabet[(v >> 12) & 63];
+                *d++ = kAlphabet[(v >> 6) & 63];
+                *d++ = kAlphabet[v & 63];
+        }
+        if (int rest = length - i; rest > 0) {
+                uint32_t v = s[i] << 16 | (rest == 2 ? s[i + 1] << 8 : 0);
+                *d++ = kAlphabet[v >> 18];
+                *d++ = kAlphabet[(v >> 12) & 63];
+                *d++ = rest == 2 ? kAlphabet[(v >> 6) & 63] : '=';
+                *d++ = '=';
+        }
+        *d = 0;
+        return static_cast<int>(d - dest);
+}
+
+int Base64_decode(void* dest, const char* source) {
+        assert(dest);
+        assert(source);
+        auto* d = static_cast<unsigned char*>(dest);
+        int n = decode(d, source);
+        d[n] = 0;
+        return n;
+}
+
+int Base64_decode_binary(void* dest, const char* source) {
+        assert(dest);
+        assert(source);
+        return decode(static_cast<unsigned char*>(dest), source);
+}
+
+int Base64_decode_len(const char* source) {
+        assert(source);
+        return decodedLength(validLength(source));
+}
