@@ -19,6 +19,7 @@
 #include <vesk/File.h>
 #include <vesk/Dir.h>
 #include <vesk/Str.h>
+#include <vesk/StringBuffer.h>
 
 #include <vesk/assert.h>
 
