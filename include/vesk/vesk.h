@@ -18,6 +18,13 @@
 #include <vesk/Entropy.h>
 #include <vesk/File.h>
 #include <vesk/Dir.h>
+#include <vesk/Net.h>
+#include <vesk/ServerSocket.h>
+#include <vesk/InetAddress.h>
+#include <vesk/Socket.h>
+#include <vesk/InputStream.h>
+#include <vesk/OutputStream.h>
+#include <vesk/Chain.h>
 #include <vesk/Str.h>
 #include <vesk/StringBuffer.h>
 

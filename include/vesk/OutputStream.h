@@ -1,0 +1,87 @@
+/*
+ * OutputStream: a buffered writer over a descriptor, plain or TLS, sending its Chain
+ * with gathered writes and a timeout in milliseconds (3000 at creation, 0 for no
+ * waiting).
+ *
+ * The buffer is flushed whenever it reaches the buffer size. A stream can frame its
+ * body as chunked transfer encoding, compress it with gzip, and send a mapped file with
+ * no copy. Writers never raise on the network: a failed flush closes the stream for
+ * good, and later writes are dropped. With an HttpResponse attached, the first flush
+ * commits it. A stream made with OutputStream_alloc lives in its arena and is never
+ * freed alone. A NULL stream fails the check "S".
+ */
+#ifndef VESK_OUTPUTSTREAM_INCLUDED
+#define VESK_OUTPUTSTREAM_INCLUDED
+
+#include <stdarg.h>
+
+#include <vesk/Arena.h>
+#include <vesk/Chain.h>
+#include <vesk/Export.h>
+
+VESK_BEGIN_DECLS
+
+typedef struct OutputStream_S* OutputStream_T;
+typedef struct SSL_S* SSL_T;
+typedef struct HttpResponse_S* HttpResponse_T;
+typedef struct FileMap_S* FileMap_T;
+
+/* A new stream over socket, on the heap. */
+VESK_API OutputStream_T OutputStream_new(int socket);
+/* A new stream over socket, in arena. */
+VESK_API OutputStream_T OutputStream_alloc(Arena_T arena, int socket);
+/* Stops compression and frees a heap stream, dropping what was not flushed; clears *S. */
+VESK_API void OutputStream_free(OutputStream_T* S);
+/* Flushes whenever n bytes are buffered. */
+VESK_API void OutputStream_setBufferSize(OutputStream_T S, int n);
+/* The buffer size. */
+VESK_API int OutputStream_getBufferSize(OutputStream_T S);
+/* The write timeout in milliseconds. */
+VESK_API int OutputStream_getTimeout(OutputStream_T S);
+/* Sets the write timeout; checks "timeout >= 0". */
+VESK_API void OutputStream_setTimeout(OutputStream_T S, int timeout);
+/* True once a write failed; sticky. */
+VESK_API int OutputStream_isClosed(OutputStream_T S);
+/* True when the body goes out in chunks. */
+VESK_API int OutputStream_isChunked(OutputStream_T S);
+/* Switches chunk framing on or off. */
+VESK_API void OutputStream_setChunked(OutputStream_T S, int chunked);
+/* Writes through the TLS object ssl from now on (NULL: plain). */
+VESK_API void OutputStream_setSSL(OutputStream_T S, SSL_T ssl);
+/* The response that the first flush commits, or NULL. */
+VESK_API void OutputStream_setResponse(OutputStream_T S, HttpResponse_T response);
+/* Body bytes sent so far. */
+VESK_API long long OutputStream_getBytesWritten(OutputStream_T S);
+/* Bytes buffered and not yet sent. */
+VESK_API int OutputStream_buffered(OutputStream_T S);
+/* True while output is compressed. */
+VESK_API int OutputStream_isCompressed(OutputStream_T S);
+/* Buffers n bytes of data; nothing for NULL data or a closed stream. */
+VESK_API void OutputStream_write(OutputStream_T S, const void* data, int n);
+/* Buffers formatted text; nothing for a NULL or empty format or a closed stream. */
+VESK_API void OutputStream_print(OutputStream_T S, const char* format, ...) VESK_PRINTF(2, 3);
+/* Buffers formatted text. */
+VESK_API void OutputStream_vprint(OutputStream_T S, const char* format, va_list ap)
+    VESK_PRINTF(2, 0);
+/* Makes the next flush send the final chunk. */
+VESK_API void OutputStream_endChunked(OutputStream_T S);
+/* Puts the response head held in headers in front of the buffered body. */
+VESK_API void OutputStream_commit(OutputStream_T S, Chain_T headers);
+/* Drops what is buffered and resets the byte count. */
+VESK_API void OutputStream_clear(OutputStream_T S);
+/* Sends what is buffered; the bytes written, 0 when the socket took nothing in time,
+   or -1 when the stream is closed. */
+VESK_API int OutputStream_flush(OutputStream_T S);
+/* Compresses the body from now on at level 0 to 9; true when compressing. With a
+   response whose client takes no gzip, nothing changes and the result is false. */
+VESK_API int OutputStream_startCompress(OutputStream_T S, int level);
+/* Ends compression, if on. */
+VESK_API void OutputStream_stopCompress(OutputStream_T S);
+/* Ends the body: ends compression, if on. */
+VESK_API void OutputStream_end(OutputStream_T S);
+/* Queues the bytes of a mapped file for sending, with no copy. */
+VESK_API void OutputStream_setFileMap(OutputStream_T S, FileMap_T map);
+
+VESK_END_DECLS
+
+#endif
