@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <string.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <set>
 #include <string>
@@ -10,9 +13,11 @@
 #include <vesk/Crypto.h>
 #include <vesk/Entropy.h>
 #include <vesk/SASL.h>
+#include <vesk/StringBuffer.h>
 #include <vesk/assert.h>
 
 #include "Support.hpp"
+#include "TempDir.hpp"
 
 namespace {
 
@@ -34,6 +39,33 @@ std::string decode(const char* s) {
 
 bool isUpperHex(const char* s, size_t length) {
         return strlen(s) == length && strspn(s, "0123456789ABCDEF") == length;
+}
+
+// A connected pair of sockets whose ends close with the test.
+struct SocketPair {
+        int fd[2] = {-1, -1};
+        SocketPair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fd), 0); }
+        ~SocketPair() { closeEnd(0), closeEnd(1); }
+        void closeEnd(int i) {
+                if (fd[i] >= 0)
+                        close(fd[i]);
+                fd[i] = -1;
+        }
+};
+
+// Sends text through f from one socket pair to another and returns what comes out.
+std::string through(int (*f)(int, int), const std::string& text, int* written) {
+        SocketPair in, out;
+        EXPECT_EQ(write(in.fd[0], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+        in.closeEnd(0);
+        *written = f(in.fd[1], out.fd[0]);
+        out.closeEnd(0);
+        std::string s;
+        char buffer[4096];
+        ssize_t n;
+        while ((n = read(out.fd[1], buffer, sizeof buffer)) > 0)
+                s.append(buffer, static_cast<size_t>(n));
+        return s;
 }
 
 }  // namespace
@@ -76,6 +108,24 @@ TEST(Crypto, AbsentArgumentsFailTheirChecks) {
         EXPECT_EQ(assertion([] { Crypto_random(nullptr); }), "result");
         EXPECT_EQ(assertion([] { SASL_plain(nullptr, "p", nullptr); }), "user");
         EXPECT_EQ(assertion([] { Base64_decode_len(nullptr); }), "source");
+}
+
+TEST(Crypto, DigestOfADescriptor) {
+        TempDir dir;
+        std::string big(10000, 'v');
+        std::string path = dir.write("big", big);
+        char expected[MD_SIZE], result[MD_SIZE];
+        int fd = open(path.c_str(), O_RDONLY);
+        EXPECT_STREQ(Crypto_digestStream("sha1", fd, result), Crypto_sha1(big.c_str(), expected));
+        close(fd);
+        fd = open(dir.write("empty", "").c_str(), O_RDONLY);
+        EXPECT_STREQ(Crypto_digestStream("md5", fd, result), "D41D8CD98F00B204E9800998ECF8427E");
+        EXPECT_EQ(Crypto_digestStream("no-such-digest", fd, result), nullptr);
+        close(fd);
+        fd = open(dir.path().c_str(), O_RDONLY);
+        EXPECT_EQ(Crypto_digestStream("md5", fd, result), nullptr) << "a directory cannot be read";
+        close(fd);
+        EXPECT_EQ(assertion([&] { Crypto_digestStream("md5", -1, result); }), "fd >= 0");
 }
 
 TEST(Crypto, RandomIdsAreFreshHex) {
@@ -133,6 +183,35 @@ TEST(Base64, RoundTripsEveryByteValue) {
                 EXPECT_EQ(std::string(out, static_cast<size_t>(length)), in);
                 EXPECT_EQ(Base64_decode_len(text.c_str()), length);
         }
+}
+
+TEST(Base64, StringBuffersAreReplaced) {
+        StringBuffer_T sb = StringBuffer_new("Aladdin:open sesame");
+        EXPECT_EQ(Base64_encodeBuffer(sb), sb);
+        EXPECT_STREQ(StringBuffer_toString(sb), "QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
+        EXPECT_STREQ(StringBuffer_toString(Base64_decodeBuffer(sb)), "Aladdin:open sesame");
+        StringBuffer_set(sb, "%s", "YQBi");  // "a", a zero byte, "b"
+        EXPECT_STREQ(StringBuffer_toString(Base64_decodeBuffer(sb)), "a");
+        StringBuffer_clear(sb);
+        EXPECT_STREQ(StringBuffer_toString(Base64_encodeBuffer(sb)), "");
+        StringBuffer_free(&sb);
+}
+
+TEST(Base64, StreamsRoundTrip) {
+        std::string text;
+        for (int i = 0; i < 5000; i++)
+                text += static_cast<char>(i * 7);
+        int written = 0;
+        std::string encoded = through(Base64_encodeStream, text, &written);
+        EXPECT_EQ(written, 5000);
+        EXPECT_EQ(encoded.find('\n'), 64u) << "the filter breaks lines";
+        std::string decoded = through(Base64_decodeStream, encoded, &written);
+        EXPECT_EQ(written, 5000);
+        EXPECT_EQ(decoded, text);
+        EXPECT_EQ(through(Base64_decodeStream, "Zm9vYmFy\n", &written), "foobar");
+        EXPECT_EQ(through(Base64_encodeStream, "", &written), "");
+        EXPECT_EQ(written, 0);
+        EXPECT_EQ(assertion([] { Base64_encodeStream(-1, 1); }), "in >= 0");
 }
 
 TEST(SASL, PlainCredential) {

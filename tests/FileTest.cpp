@@ -9,6 +9,7 @@
 
 #include <string>
 
+#include <vesk/Crypto.h>
 #include <vesk/File.h>
 #include <vesk/assert.h>
 
@@ -257,4 +258,35 @@ TEST(File, OpenModes) {
         EXPECT_EQ(File_open(p, nullptr), -1);
         EXPECT_EQ(errno, EINVAL);
         EXPECT_FALSE(File_close(-1));
+}
+
+TEST(File, DigestOfTheContent) {
+        TempDir dir;
+        File_T f = File_new("%s", dir.write("page", "abc").c_str());
+        const char* md = File_md(f, "sha1");
+        EXPECT_EQ(md, reinterpret_cast<const char*>(f)) << "the text is at the object's address";
+        EXPECT_STREQ(md, "A9993E364706816ABA3E25717850C26C9CD0D89D");
+
+        errno = 0;
+        EXPECT_EQ(File_md(f, "no-such-digest"), nullptr);
+        EXPECT_EQ(errno, EINVAL);
+        EXPECT_STREQ(reinterpret_cast<const char*>(f), "") << "a failed digest clears the text";
+        EXPECT_STREQ(File_md(f, "md5"), "900150983CD24FB0D6963F7D28E17F72");
+
+        File_reset(f, "%s", (dir / "missing").c_str());
+        errno = 0;
+        EXPECT_EQ(File_md(f, "md5"), nullptr);
+        EXPECT_EQ(errno, ENOENT);
+        File_free(&f);
+}
+
+TEST(File, ReadinessOfADescriptor) {
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        EXPECT_FALSE(File_canRead(fds[0], 0));
+        EXPECT_TRUE(File_canWrite(fds[1], 0));
+        EXPECT_EQ(write(fds[1], "x", 1), 1);
+        EXPECT_TRUE(File_canRead(fds[0], 0));
+        File_close(fds[0]);
+        File_close(fds[1]);
 }

@@ -6,12 +6,15 @@
  * a final lone character gives no byte. Destination buffers belong to the
  * caller: encoding needs (length + 2) / 3 * 4 + 1 bytes, decoding
  * Base64_decode_len(source) bytes, plus one for Base64_decode's terminator.
- * Absent arguments fail their checks.
+ * The stream functions copy between two descriptors until the input ends or
+ * fails, with the crypto library's base64 filter, which breaks encoded lines
+ * every 64 characters. Absent arguments fail their checks.
  */
 #ifndef VESK_BASE64_INCLUDED
 #define VESK_BASE64_INCLUDED
 
 #include <vesk/Export.h>
+#include <vesk/StringBuffer.h>
 
 VESK_BEGIN_DECLS
 
@@ -26,6 +29,18 @@ VESK_API int Base64_decode_binary(void* dest, const char* source);
 
 /* The number of bytes that decoding source gives. */
 VESK_API int Base64_decode_len(const char* source);
+
+/* Replaces the text of sb by its encoding; returns sb. */
+VESK_API StringBuffer_T Base64_encodeBuffer(StringBuffer_T sb);
+
+/* Replaces the text of sb by its decoding, up to the first zero byte; returns sb. */
+VESK_API StringBuffer_T Base64_decodeBuffer(StringBuffer_T sb);
+
+/* Encodes all that can be read from in and writes it to out; the bytes written. */
+VESK_API int Base64_encodeStream(int in, int out);
+
+/* Decodes all that can be read from in and writes it to out; the bytes written. */
+VESK_API int Base64_decodeStream(int in, int out);
 
 VESK_END_DECLS
 

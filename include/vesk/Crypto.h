@@ -36,6 +36,9 @@ VESK_API char* Crypto_sha1(const char* text, char* result);
 /* Digest of text by algorithm name ("md5", "sha256", ...); NULL for an unknown name. */
 VESK_API char* Crypto_digest(const char* algorithm, const char* text, char* result);
 
+/* Digest of every byte read from fd until its end; NULL on a read error. */
+VESK_API char* Crypto_digestStream(const char* algorithm, int fd, char* result);
+
 /* 16 bytes from the strong generator as 32 characters, for session ids and tokens. */
 VESK_API char* Crypto_sessionId(char* result);
 

@@ -61,6 +61,10 @@ VESK_API int File_isaFile(File_T F);
 /* 'b', 'p', 'c', 'd', 'r', 'l' or 's' by file type; '?' for other or none. */
 VESK_API char File_getType(File_T F);
 
+/* Digest of the file's content by algorithm as text owned by F (at F's own address), or NULL
+   with errno set: ENOENT if the file does not exist, EINVAL if it cannot be digested. */
+VESK_API const char* File_md(File_T F, const char* algorithm);
+
 /* The ETag text "\"mtime-size\"", owned by F; empty if the file does not exist. */
 VESK_API const char* File_etag(File_T F);
 
@@ -131,6 +135,10 @@ VESK_API int File_open(const char* path, const char* mode);
 
 /* Closes fd, retrying when interrupted; true on success. */
 VESK_API int File_close(int fd);
+
+/* True when fd can be read, or written, within timeout milliseconds. */
+VESK_API int File_canRead(int fd, int timeout);
+VESK_API int File_canWrite(int fd, int timeout);
 
 /* The process's file mode creation mask. */
 VESK_API mode_t File_umask(void);

@@ -12,6 +12,7 @@
 #include <vesk/Crypto.h>
 #include <vesk/File.h>
 #include <vesk/Mem.h>
+#include <vesk/Net.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
 #include <vesk/assert.h>
@@ -87,6 +88,15 @@ bool accessible(const char* path, int how) {
         }
         return access(path, how) == 0;
 }
+
+// Closes a descriptor when the scope ends, however it ends.
+struct Descriptor {
+        int fd;
+        ~Descriptor() {
+                if (fd >= 0)
+                        File_close(fd);
+        }
+};
 
 }  // namespace
 
@@ -190,6 +200,22 @@ int File_isaFile(File_T F) {
 char File_getType(File_T F) {
         assert(F);
         return F->stat ? typeOf(F->stat->st_mode) : '?';
+}
+
+const char* File_md(File_T F, const char* algorithm) {
+        assert(F);
+        if (!F->stat) {
+                errno = ENOENT;
+                return nullptr;
+        }
+        Descriptor file{File_open(F->path, "r")};
+        if (file.fd < 0)
+                return nullptr;
+        if (!Crypto_digestStream(algorithm, file.fd, F->md)) {
+                F->md[0] = 0;
+                errno = EINVAL;
+        }
+        return F->md[0] ? F->md : nullptr;
 }
 
 const char* File_etag(File_T F) {
@@ -377,6 +403,14 @@ int File_close(int fd) {
                 status = close(fd);
         while (status == -1 && errno == EINTR);
         return status == 0;
+}
+
+int File_canRead(int fd, int timeout) {
+        return Net_canRead(fd, timeout);
+}
+
+int File_canWrite(int fd, int timeout) {
+        return Net_canWrite(fd, timeout);
 }
 
 mode_t File_umask(void) {

@@ -1,8 +1,14 @@
 #include <stdint.h>
 
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+
 #include <array>
 
 #include <vesk/Base64.h>
+#include <vesk/Mem.h>
+#include <vesk/Net.h>
+#include <vesk/StringBuffer.h>
 #include <vesk/assert.h>
 
 namespace {
@@ -58,6 +64,64 @@ int decode(unsigned char* dest, const char* source) {
         return static_cast<int>(d - dest);
 }
 
+// A heap block that is freed however the scope ends.
+struct Temporary {
+        char* p;
+        explicit Temporary(int size) : p(static_cast<char*>(ALLOC(size))) {}
+        ~Temporary() { FREE(p); }
+        Temporary(const Temporary&) = delete;
+        Temporary& operator=(const Temporary&) = delete;
+};
+
+// A chain of BIOs over a descriptor that the chain does not close.
+struct Chain {
+        BIO* bio;
+        Chain(int fd, bool filtered) : bio(BIO_new_socket(fd, BIO_NOCLOSE)) {
+                if (filtered && bio) {
+                        BIO* b64 = BIO_new(BIO_f_base64());
+                        bio = b64 ? BIO_push(b64, bio) : (BIO_free(bio), nullptr);
+                }
+        }
+        ~Chain() { BIO_free_all(bio); }
+        Chain(const Chain&) = delete;
+        Chain& operator=(const Chain&) = delete;
+};
+
+// Writes all n bytes to out; the count written, short only when out fails.
+int writeAll(Chain& out, int fd, const char* data, int n) {
+        int done = 0;
+        while (done < n) {
+                int w = BIO_write(out.bio, data + done, n - done);
+                if (w > 0)
+                        done += w;
+                else if (!BIO_should_retry(out.bio) || !Net_canWrite(fd, 3000))
+                        break;
+        }
+        return done;
+}
+
+// Copies from in to out until in ends or fails; the filter sits on one of the two sides.
+int copy(int in, int out, bool decoding, int chunk) {
+        Chain source(in, decoding), sink(out, !decoding);
+        if (!source.bio || !sink.bio)
+                return 0;
+        char buffer[1500];
+        int total = 0;
+        for (;;) {
+                int n = BIO_read(source.bio, buffer, chunk);
+                if (n >= 1) {
+                        int w = writeAll(sink, out, buffer, n);
+                        total += w;
+                        if (w < n)
+                                break;
+                } else if (!(BIO_should_retry(source.bio) && Net_canRead(in, 0))) {
+                        break;
+                }
+        }
+        BIO_flush(sink.bio);
+        return total;
+}
+
 }  // namespace
 
 int Base64_encode(char* dest, const void* source, int length) {
@@ -103,4 +167,31 @@ int Base64_decode_binary(void* dest, const char* source) {
 int Base64_decode_len(const char* source) {
         assert(source);
         return decodedLength(validLength(source));
+}
+
+StringBuffer_T Base64_encodeBuffer(StringBuffer_T sb) {
+        assert(sb);
+        int length = StringBuffer_length(sb);
+        Temporary text((length + 2) / 3 * 4 + 1);
+        Base64_encode(text.p, StringBuffer_toString(sb), length);
+        return StringBuffer_set(sb, "%s", text.p);
+}
+
+StringBuffer_T Base64_decodeBuffer(StringBuffer_T sb) {
+        assert(sb);
+        Temporary text(Base64_decode_len(StringBuffer_toString(sb)) + 1);
+        Base64_decode(text.p, StringBuffer_toString(sb));
+        return StringBuffer_set(sb, "%s", text.p);
+}
+
+int Base64_encodeStream(int in, int out) {
+        assert(in >= 0);
+        assert(out >= 0);
+        return copy(in, out, false, 1500);
+}
+
+int Base64_decodeStream(int in, int out) {
+        assert(in >= 0);
+        assert(out >= 0);
+        return copy(in, out, true, 512);
 }

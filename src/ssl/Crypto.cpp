@@ -1,3 +1,5 @@
+#include <errno.h>
+
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/rand.h>
@@ -5,6 +7,7 @@
 #include <vesk/Crypto.h>
 #include <vesk/Entropy.h>
 #include <vesk/Error.h>
+#include <vesk/Net.h>
 #include <vesk/assert.h>
 
 namespace {
@@ -94,6 +97,33 @@ char* Crypto_digest(const char* algorithm, const char* text, char* result) {
         assert(result);
         const EVP_MD* type = byName(algorithm);
         return type ? oneShot(type, text, result) : nullptr;
+}
+
+char* Crypto_digestStream(const char* algorithm, int fd, char* result) {
+        assert(algorithm);
+        assert(result);
+        assert(fd >= 0);
+        const EVP_MD* type = byName(algorithm);
+        if (!type)
+                return nullptr;
+        DigestContext d;
+        if (!d.ctx || EVP_DigestInit_ex(d.ctx, type, nullptr) != 1)
+                return nullptr;
+        unsigned char buffer[4096];
+        for (;;) {
+                ssize_t n = Net_read(fd, buffer, sizeof buffer, 0);
+                if (n > 0) {
+                        if (EVP_DigestUpdate(d.ctx, buffer, static_cast<size_t>(n)) != 1)
+                                return nullptr;
+                } else if (n == 0) {
+                        break;
+                } else if (errno != EINTR || !Net_canRead(fd, 0)) {
+                        // Only an interrupted read is worth another try: a file whose read
+                        // fails always polls readable, and would be retried for ever.
+                        return nullptr;
+                }
+        }
+        return finish(d, result);
 }
 
 char* Crypto_sessionId(char* result) {
