@@ -18,6 +18,8 @@
 #include <vesk/Entropy.h>
 #include <vesk/File.h>
 #include <vesk/Dir.h>
+#include <vesk/FileInputStream.h>
+#include <vesk/FileOutputStream.h>
 #include <vesk/Net.h>
 #include <vesk/ServerSocket.h>
 #include <vesk/InetAddress.h>
