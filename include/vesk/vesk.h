@@ -17,6 +17,14 @@
 #include <vesk/Seq.h>
 #include <vesk/Ring.h>
 #include <vesk/Time.h>
+#include <vesk/Crypto.h>
+#include <vesk/Base64.h>
+#include <vesk/SASL.h>
+#include <vesk/Entropy.h>
+#include <vesk/File.h>
+#include <vesk/Dir.h>
+#include <vesk/FileInputStream.h>
+#include <vesk/FileOutputStream.h>
 #include <vesk/Net.h>
 #include <vesk/ServerSocket.h>
 #include <vesk/InetAddress.h>

@@ -45,6 +45,15 @@ int main(void) {
                 CHECK(Net_getIPVersion(NULL) == -1);
         }
         {
+                char md[MD_SIZE], b64[16];
+                CHECK(strcmp(Crypto_md5("", md), "D41D8CD98F00B204E9800998ECF8427E") == 0);
+                CHECK(Base64_encode(b64, "f", 1) == 4 && strcmp(b64, "Zg==") == 0);
+                File_T f = File_new("%s", "/");
+                CHECK(File_exist(f) && File_getType(f) == 'd');
+                File_free(&f);
+                CHECK(f == NULL);
+        }
+        {
                 char text[] = "  Hello  ";
                 CHECK(strcmp(Str_trim(text), "Hello") == 0);
                 CHECK(Str_isEqual("vesk", "VESK"));
