@@ -9,6 +9,7 @@
 
 #include <vesk/Error.h>
 #include <vesk/Mem.h>
+#include <vesk/Container.h>
 #include <vesk/Reactor.h>
 #include <vesk/Vector.h>
 
@@ -73,11 +74,6 @@ pthread_mutex_t instanceMutex = PTHREAD_MUTEX_INITIALIZER;
 
 // The number of handler slots, and so the highest descriptor number plus one that a
 // connection may have.
-// TODO(lead): read Container_Concurrency here once the Container module defines it.
-int concurrency() {
-        return 4096;
-}
-
 const char* backendName(unsigned backend) {
         switch (backend) {
         case EVBACKEND_SELECT:
@@ -198,7 +194,7 @@ Reactor_T Reactor_getInstance(void) {
                 vesk::Lock lock(instanceMutex);
                 R = instance.load(std::memory_order_relaxed);
                 if (!R) {
-                        int slots = concurrency();
+                        int slots = Container_Concurrency;
                         long bytes =
                             sizeof(Reactor_S) + static_cast<long>(sizeof(EventHandler_S)) * slots;
                         assert(slots > 0 && bytes <= INT_MAX);

@@ -1,6 +1,12 @@
 #include <errno.h>
 #include <signal.h>
+#include <alloca.h>
+#include <grp.h>
+#include <pwd.h>
 #include <string.h>
+#include <unistd.h>
+
+#include <vesk/Error.h>
 
 #include <vesk/System.h>
 
@@ -16,4 +22,24 @@ const char* System_getError(int error) {
 
 const char* System_getLastError(void) {
         return strerror(errno);
+}
+
+int System_changeIdentity(const char* user, const char* group) {
+        if (getuid() != 0)
+                return 0;
+        long wanted = sysconf(_SC_GETGR_R_SIZE_MAX);
+        size_t size = wanted > 256 ? static_cast<size_t>(wanted) : 256;
+        char* buffer = static_cast<char*>(alloca(size));
+        struct group grp, *g = nullptr;
+        struct passwd pwd, *p = nullptr;
+        int status = group ? getgrnam_r(group, &grp, buffer, size, &g) : 0;
+        if (status == 0 && g && setgid(g->gr_gid) == 0) {
+                status = user ? getpwnam_r(user, &pwd, buffer, size, &p) : 0;
+                if (status == 0 && p && setuid(p->pw_uid) == 0)
+                        return 1;
+        }
+        if (status > 0)
+                Error_error("Error looking up user id or group id -- %s\n",
+                            System_getError(status));
+        return 0;
 }

@@ -1,0 +1,216 @@
+#include <gtest/gtest.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+
+#include <vesk/Container.h>
+#include <vesk/Error.h>
+#include <vesk/Logger.h>
+#include <vesk/Reactor.h>
+
+#include "Support.hpp"
+#include "kernel/Logger.hpp"
+
+namespace {
+
+struct TempDir {
+        std::string path;
+        TempDir() {
+                char tmpl[] = "/tmp/vesk-log-XXXXXX";
+                path = mkdtemp(tmpl);
+        }
+        ~TempDir() { system(("rm -rf '" + path + "'").c_str()); }
+        std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
+std::string slurp(const std::string& path) {
+        std::ifstream in(path);
+        return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Local time is UTC in these tests, so that dates and midnights are the same everywhere.
+struct UtcZone {
+        UtcZone() {
+                setenv("TZ", "UTC0", 1);
+                tzset();
+        }
+        ~UtcZone() {
+                unsetenv("TZ");
+                tzset();
+                vesk::Logger_setClock(nullptr);
+                vesk::Logger_setFlushPeriod(0);
+        }
+};
+
+time_t fakeNow;
+time_t fakeClock() {
+        return fakeNow;
+}
+
+// Runs the Reactor until `ms` have passed.
+void runReactorFor(unsigned ms) {
+        Reactor_T R = Reactor_getInstance();
+        Timer_T stop = Reactor_createTimer(R);
+        Timer_setData(stop, R);
+        Timer_setHandler(stop,
+                         [](Timer_T t) { Reactor_stop(static_cast<Reactor_T>(Timer_getData(t))); });
+        Reactor_scheduleTimer(R, stop, ms, 0);
+        Reactor_start(R);
+}
+
+// 2026-01-31 (a Saturday) at the given time of day, UTC.
+time_t jan31(int hour, int min, int sec) {
+        return 1769817600 + hour * 3600 + min * 60 + sec;
+}
+
+}  // namespace
+
+TEST(Logger, LinesTimestampsAndFormats) {
+        UtcZone utc;
+        TempDir dir;
+        vesk::Logger_setClock(fakeClock);
+        fakeNow = jan31(12, 34, 56);
+        Logger_T L = Logger_new(dir.file("app.log").c_str());
+        Logger_setUnbuffered(L);
+        Logger_log(L, "hello %d\n", 1);
+        EXPECT_EQ(slurp(dir.file("app.log")), "2026-01-31 12:34:56 hello 1\n");
+        const char* empty = "";
+        Logger_log(L, empty);  // nothing, not even a timestamp
+        Logger_log(L, nullptr);
+        Logger_setTimestamp(L, 0);
+        Logger_log(L, "bare\n");
+        Logger_setTimestamp(L, 1);
+        Logger_setTimeStampFormat(L, "[%H]");
+        EXPECT_STREQ(Logger_getTimeStampFormat(L), "[%H]");
+        Logger_log(L, "hour\n");
+        Logger_setTimeStampFormat(L, "");  // no timestamp text: only the timestamp is dropped
+        Logger_log(L, "no stamp\n");
+        EXPECT_EQ(slurp(dir.file("app.log")),
+                  "2026-01-31 12:34:56 hello 1\nbare\n[12] hour\nno stamp\n");
+        EXPECT_EQ(Logger_isUnbuffered(L), 0);
+        Logger_free(&L);
+        EXPECT_EQ(L, nullptr);
+
+        // Reopening appends.
+        L = Logger_new(dir.file("app.log").c_str());
+        Logger_setTimestamp(L, 0);
+        Logger_log(L, "more\n");
+        Logger_free(&L);
+        EXPECT_EQ(slurp(dir.file("app.log")).substr(43), "no stamp\nmore\n");
+}
+
+TEST(Logger, BufferedUntilFlushedOrTimerFires) {
+        TempDir dir;
+        vesk::Logger_setFlushPeriod(200);
+        Logger_T L = Logger_new(dir.file("access.log").c_str());
+        Logger_setTimestamp(L, 0);
+        Logger_flog(L, "first\n");
+        EXPECT_EQ(slurp(dir.file("access.log")), "");
+        Logger_flush(L);
+        EXPECT_EQ(slurp(dir.file("access.log")), "first\n");
+        Logger_flog(L, "second\n");
+        runReactorFor(500);
+        EXPECT_EQ(slurp(dir.file("access.log")), "first\nsecond\n");
+        Logger_free(&L);
+        vesk::Logger_setFlushPeriod(0);
+}
+
+TEST(Logger, ChecksAndOpenFailures) {
+        EXPECT_EQ(assertion([] { Logger_new(""); }), "filename && *filename");
+        EXPECT_EQ(
+            raised([] { Logger_new("/no/such/dir/x.log"); }),
+            "IOException: Error opening log file: /no/such/dir/x.log -- No such file or directory");
+        TempDir dir;
+        Logger_T L = Logger_new(dir.file("a.log").c_str());
+        EXPECT_EQ(assertion([&] { Logger_setRotate(L, "year"); }), "Invalid period year");
+        EXPECT_EQ(assertion([&] { Logger_setRotate(L, nullptr); }), "Invalid period null");
+        EXPECT_FALSE(Logger_getRotate(L));
+        Logger_free(&L);
+        EXPECT_EQ(assertion([] { Logger_log(nullptr, "x"); }), "L");
+}
+
+TEST(Logger, DiskFullSilencesTheLoggerForGood) {
+        Logger_T L = Logger_new("/dev/full");
+        Logger_setUnbuffered(L);
+        for (int i = 0; i < 3; i++)
+                Logger_log(L, "lost %d\n", i);  // never raises
+        Logger_flush(L);
+        Logger_free(&L);
+}
+
+TEST(Logger, RotationPlansForTheNextPeriod) {
+        UtcZone utc;
+        EXPECT_EQ(vesk::Logger_secondsToRotation(1, jan31(23, 59, 59)), 1);
+        EXPECT_EQ(vesk::Logger_secondsToRotation(1, jan31(0, 0, 0)), 86400);
+        // Saturday to the coming Sunday's midnight, and from a Sunday a whole week.
+        EXPECT_EQ(vesk::Logger_secondsToRotation(2, jan31(12, 0, 0)), 12 * 3600);
+        EXPECT_EQ(vesk::Logger_secondsToRotation(2, jan31(0, 0, 0) + 86400), 7 * 86400);
+        // From the 31st to the first of the next month, not skipping February.
+        EXPECT_EQ(vesk::Logger_secondsToRotation(3, jan31(12, 0, 0)), 12 * 3600);
+}
+
+TEST(Logger, RotatesAcrossMidnightAndKeepsLogging) {
+        UtcZone utc;
+        TempDir dir;
+        vesk::Logger_setClock(fakeClock);
+        fakeNow = jan31(23, 59, 59);
+        std::string name = dir.file("app.log");
+        Logger_T L = Logger_new(name.c_str());
+        Logger_setUnbuffered(L);
+        Logger_setTimestamp(L, 0);
+        Logger_log(L, "old day\n");
+        Logger_setRotate(L, "DAY");
+        EXPECT_TRUE(Logger_getRotate(L));
+        fakeNow = jan31(0, 0, 1) + 86400;  // the timer fires after one second: it is 1 February
+        runReactorFor(1500);
+        EXPECT_EQ(slurp(name + ".20260201"), "old day\n");
+        Logger_log(L, "new day\n");
+        EXPECT_EQ(slurp(name), "new day\n");
+        Logger_free(&L);
+}
+
+TEST(Logger, FailedRenameContinuesTheOldFile) {
+        UtcZone utc;
+        TempDir dir;
+        vesk::Logger_setClock(fakeClock);
+        fakeNow = jan31(23, 59, 59);
+        std::string name = dir.file("app.log");
+        // A non-empty directory in the way of the rotated name makes the rename fail.
+        mkdir((name + ".20260201").c_str(), 0755);
+        std::ofstream(name + ".20260201/x") << "x";
+        Logger_T L = Logger_new(name.c_str());
+        Logger_setUnbuffered(L);
+        Logger_setTimestamp(L, 0);
+        Logger_log(L, "before\n");
+        Logger_setRotate(L, "day");
+        fakeNow = jan31(0, 0, 1) + 86400;
+        runReactorFor(1500);
+        Logger_log(L, "after\n");
+        EXPECT_EQ(slurp(name), "before\nafter\n");
+        Logger_free(&L);
+}
+
+TEST(Error, ErrorLogGetsErrorLinesWithTime) {
+        TempDir dir;
+        EXPECT_EQ(Error_getLogger(), nullptr);
+        Error_init(dir.file("first.log").c_str());
+        Logger_T first = Error_getLogger();
+        ASSERT_NE(first, nullptr);
+        Error_init(dir.file("error.log").c_str());  // closes the first
+        Error_error("disk %s\n", "trouble");
+        Error_warn("not in the log\n");
+        Container_Debug = 0;
+        Error_debug("nor this\n");
+        std::string text = slurp(dir.file("error.log"));
+        EXPECT_EQ(text.size(), strlen("2026-01-31 12:34:56 disk trouble\n")) << text;
+        EXPECT_EQ(text.substr(20), "disk trouble\n");
+        Error_destroy();
+        EXPECT_EQ(Error_getLogger(), nullptr);
+        Error_error("only on standard error\n");
+}
