@@ -5,7 +5,7 @@ cd "$(dirname "$0")/.."
 sh scripts/deps.sh
 cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_TESTS=OFF >/dev/null
 cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)"
-if [ -x build/release/launcher/vesk ]; then
+if [ -f examples/home/conf/server.xml ]; then
         exec build/release/launcher/vesk -H examples/home -f start
 fi
-echo "Vesk: the library is built (build/release/libvesk.so.0); the server is not yet assembled."
+echo "Vesk: the library and the launcher (build/release/launcher/vesk) are built; the example home is not yet assembled."
