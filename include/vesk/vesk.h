@@ -12,6 +12,8 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Command.h>
+#include <vesk/Process.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
