@@ -107,24 +107,13 @@ TEST(Command, ChecksAndMessages) {
         EXPECT_EQ(assertion([&] { Command_setUid(C, -1); }), "uid >= 0");
         EXPECT_EQ(assertion([] { Process_waitFor(nullptr); }), "P");
         EXPECT_EQ(Command_getTimeout(C), 0);
-        Command_free(&C);
-        EXPECT_EQ(C, nullptr);
-}
-
-TEST(Command, ProgramDirectoryAndIdentityAreKept) {
-        Command_T C = Command_new();
         Command_setCommand(C, "/bin/echo", "a", "b c", nullptr);
         Command_setCommand(C, "/bin/sh", "-c", "true", nullptr);
         EXPECT_EQ(list(Command_getCommand(C)), (std::vector<std::string>{"/bin/sh", "-c", "true"}));
         Command_setDir(C, "/tmp///");
         EXPECT_STREQ(Command_getDir(C), "/tmp");
-        Command_setDir(C, nullptr);
-        EXPECT_EQ(Command_getDir(C), nullptr);
-        Command_setUid(C, 12);
-        Command_setGid(C, 34);
-        EXPECT_EQ(Command_getUid(C), 12);
-        EXPECT_EQ(Command_getGid(C), 34);
         Command_free(&C);
+        EXPECT_EQ(C, nullptr);
 }
 
 TEST(Command, EnvironmentStartsWithPathAlone) {
@@ -208,11 +197,12 @@ TEST(Process, ChildGetsOnlyItsEnvironmentDirectoryAndDescriptors) {
         TempDir dir;
         char real[4097];
         ASSERT_TRUE(realpath(dir.path().c_str(), real));
-        Command_T C = shell("pwd; echo \"$FOO\"; ls /proc/$$/fd | tr '\\n' ' '");
+        // No pipeline in the script: the shell's own pipe would show among its descriptors.
+        Command_T C = shell("pwd; echo \"$FOO\"; ls /proc/$$/fd");
         Command_setEnv(C, "FOO", "bar");
         Command_setDir(C, (dir.path() + "/").c_str());
         Seen seen = run(C);
-        EXPECT_EQ(seen.out, std::string(real) + "\nbar\n0 1 2 ");
+        EXPECT_EQ(seen.out, std::string(real) + "\nbar\n0\n1\n2\n");
         EXPECT_EQ(seen.err, "");
 }
 
