@@ -14,6 +14,8 @@
 /* @modules@ */
 #include <vesk/OS.h>
 #include <vesk/Logger.h>
+#include <vesk/Command.h>
+#include <vesk/Process.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>

@@ -27,6 +27,12 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        Command_T cmd = Command_new();
+        Command_vSetEnv(cmd, "A=%d;B=two", 1);
+        CHECK(strcmp(Command_getEnv(cmd, "A"), "1") == 0 &&
+              strcmp(Command_getEnv(cmd, "B"), "two") == 0);
+        Command_free(&cmd);
+        CHECK(cmd == NULL);
         Bit_T bits = Bit_new();
         CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
         Bit_free(&bits);
