@@ -12,6 +12,7 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>
 #include <vesk/OS.h>
