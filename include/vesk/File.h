@@ -10,6 +10,10 @@
  * Functions on a path never raise: an absent path or a failing system call gives
  * the stated failure value, with errno set. Times are seconds since the epoch, as
  * stat gives them. Text functions that take a non-const path change it in place.
+ *
+ * File_map maps the file into memory, plain or gzip-compressed, and hands out the
+ * mapping as a FileMap_T that belongs to the File: it lives until the File is unmapped,
+ * updated, reset or freed. Shared mappings come from FileCache (FileCache.h).
  */
 #ifndef VESK_FILE_INCLUDED
 #define VESK_FILE_INCLUDED
@@ -22,6 +26,7 @@
 VESK_BEGIN_DECLS
 
 typedef struct File_S* File_T;
+typedef struct FileMap_S* FileMap_T;
 
 /* An object for the path formatted from format; raises if format is absent. */
 VESK_API File_T File_new(const char* format, ...) VESK_PRINTF(1, 2);
@@ -67,6 +72,30 @@ VESK_API const char* File_md(File_T F, const char* algorithm);
 
 /* The ETag text "\"mtime-size\"", owned by F; empty if the file does not exist. */
 VESK_API const char* File_etag(File_T F);
+
+/* Maps F by mode: "r" read-only, "r+" writable and shared with the file, "rz" a
+   gzip-compressed copy. The mapping, or NULL with errno set: ENOENT for a missing file,
+   ENODATA for an empty one, EINVAL for a bad mode or no regular file, EFBIG for one too
+   large, EIO if compressing failed. An existing mapping is returned as it is. */
+VESK_API FileMap_T File_map(File_T F, const char* mode);
+
+/* Unmaps F; true on success or when nothing is mapped. */
+VESK_API int File_unmap(File_T F);
+
+/* The File that owns the mapping M. */
+VESK_API File_T FileMap_getFile(FileMap_T M);
+
+/* The first mapped byte. */
+VESK_API void* FileMap_getAddress(FileMap_T M);
+
+/* Bytes mapped: the compressed size for a compressed mapping. */
+VESK_API int FileMap_getSize(FileMap_T M);
+
+/* Time_gmt of the file's modification time when it was mapped. */
+VESK_API time_t FileMap_getMtime(FileMap_T M);
+
+/* True for a gzip-compressed mapping. */
+VESK_API int FileMap_isCompressed(FileMap_T M);
 
 /* st_size of path, or -1. */
 VESK_API off_t File_size(const char* path);

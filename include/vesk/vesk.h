@@ -12,6 +12,9 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/FileCache.h>
+#include <vesk/CacheQueue.h>
+#include <vesk/Cache.h>
 #include <vesk/OS.h>
 #include <vesk/Logger.h>
 #include <vesk/Command.h>

@@ -1,5 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -9,25 +10,25 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <zlib.h>
+
+#include <vesk/Container.h>
 #include <vesk/Crypto.h>
+#include <vesk/Error.h>
 #include <vesk/File.h>
 #include <vesk/Mem.h>
 #include <vesk/Net.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
+#include <vesk/Time.h>
+
+#include "io/FileMap.hpp"
+
 #include <vesk/assert.h>
 
 namespace {
 
 constexpr char kSeparator = '/';
-
-// The mapping of a File. Only the cache maps files; what the File itself needs is to
-// know whether a mapping exists and how to release it.
-struct FileMap {
-        File_S* file;
-        int size;
-        void* address;
-};
 
 }  // namespace
 
@@ -37,18 +38,13 @@ struct File_S {
         struct stat* stat;  // &statBuffer, or NULL when the last stat failed
         struct stat statBuffer;
         char etag[26];
-        FileMap map;
+        FileMap_S map;
 };
 
 namespace {
 
 void restat(File_T F) {
         F->stat = (*F->path && ::stat(F->path, &F->statBuffer) == 0) ? &F->statBuffer : nullptr;
-}
-
-void unmap(File_T F) {
-        if (F->map.address && munmap(F->map.address, static_cast<size_t>(F->map.size)) == 0)
-                F->map = FileMap{};
 }
 
 char typeOf(mode_t mode) {
@@ -127,7 +123,7 @@ File_T File_reset(File_T F, const char* format, ...) {
         va_end(ap);
         FREE(F->path);
         F->path = path;
-        unmap(F);
+        File_unmap(F);
         restat(F);
         F->etag[0] = 0;
         return F;
@@ -135,7 +131,7 @@ File_T File_reset(File_T F, const char* format, ...) {
 
 File_T File_update(File_T F) {
         assert(F);
-        unmap(F);
+        File_unmap(F);
         F->etag[0] = 0;
         restat(F);
         return F;
@@ -143,7 +139,7 @@ File_T File_update(File_T F) {
 
 void File_free(File_T* F) {
         assert(F && *F);
-        unmap(*F);
+        File_unmap(*F);
         FREE((*F)->path);
         FREE(*F);
 }
@@ -225,6 +221,147 @@ const char* File_etag(File_T F) {
                          static_cast<long>(F->stat->st_mtime),
                          static_cast<long long>(F->stat->st_size));
         return F->etag;
+}
+
+namespace {
+
+// Maps size bytes of path into F's record by mode. The descriptor is not needed once the
+// mapping exists, so it is closed at once, keeping the errno of a failed mmap.
+bool mapfile(File_T F, const char* path, const char* mode, off_t size) {
+        F->map.mode[0] = mode[0];
+        F->map.mode[1] = mode[0] ? mode[1] : 0;
+        F->map.file = F;
+        int fd = File_open(path, mode);
+        if (fd < 0)
+                return false;
+        bool writable = F->map.mode[1] == '+';
+        void* address =
+            mmap(nullptr, static_cast<size_t>(size), writable ? PROT_READ | PROT_WRITE : PROT_READ,
+                 writable ? MAP_SHARED : MAP_PRIVATE, fd, 0);
+        int saved = errno;
+        File_close(fd);
+        errno = saved;
+        if (address == MAP_FAILED) {
+                F->map.address = nullptr;
+                return false;
+        }
+        F->map.address = address;
+        F->map.size = static_cast<int>(size);
+        return true;
+}
+
+// Replaces F's plain mapping by a mapping of its gzip form. The compressed copy is
+// deleted as soon as it is mapped: the mapping keeps the data alive, and no file is left
+// behind in the work directory, even by a crash later on.
+bool compress(File_T F) {
+        char temporary[4097] = "";
+        char id[33];
+        assert(F->map.address);
+        bool failed = Crypto_sessionId(id) == nullptr;
+        if (!failed)
+                snprintf(temporary, sizeof temporary, "%s%s%s", Container_WorkDir, SEPARATOR, id);
+        gzFile gz = failed ? nullptr : gzopen(temporary, "wb6");
+        if (!gz) {
+                Error_debug("File_map: can't open temporary file %s -- %s\n", temporary,
+                            System_getLastError());
+                failed = true;
+        } else {
+                int written = gzwrite(gz, F->map.address, static_cast<unsigned>(F->map.size));
+                if (written < F->map.size) {
+                        int code;
+                        Error_error("File_map: compression failed -- %s\n", gzerror(gz, &code));
+                }
+                int status = gzclose(gz);
+                if (status != Z_OK)
+                        Error_error("File_map: %s\n", zError(status));
+        }
+        File_unmap(F);
+        if (!failed) {
+                struct stat st;
+                if (::stat(temporary, &st) != 0) {
+                        Error_error("File_map: cannot stat compressed file %s -- %s\n", temporary,
+                                    System_getLastError());
+                        failed = true;
+                } else {
+                        failed = st.st_size > INT_MAX || !mapfile(F, temporary, "rz", st.st_size);
+                }
+        }
+        if (*temporary)
+                File_delete(temporary);
+        if (failed) {
+                errno = EIO;
+                return false;
+        }
+        return true;
+}
+
+}  // namespace
+
+FileMap_T File_map(File_T F, const char* mode) {
+        assert(F);
+        if (F->map.address)
+                return &F->map;
+        File_update(F);
+        if (!F->stat) {
+                errno = ENOENT;
+                return nullptr;
+        }
+        if (F->stat->st_size < 1) {
+                errno = ENODATA;
+                return nullptr;
+        }
+        if (!S_ISREG(F->stat->st_mode) || !mode || mode[0] != 'r') {
+                errno = EINVAL;
+                return nullptr;
+        }
+        // The record counts bytes in an int.
+        if (F->stat->st_size > INT_MAX) {
+                errno = EFBIG;
+                return nullptr;
+        }
+        if (!mapfile(F, F->path, mode, F->stat->st_size) || (mode[1] == 'z' && !compress(F))) {
+                int saved = errno;
+                F->map = FileMap_S{};
+                errno = saved;
+                return nullptr;
+        }
+        F->map.mtime = Time_gmt(F->stat->st_mtime);
+        return &F->map;
+}
+
+int File_unmap(File_T F) {
+        assert(F);
+        if (!F->map.address)
+                return true;
+        if (munmap(F->map.address, static_cast<size_t>(F->map.size)) != 0)
+                return false;
+        F->map = FileMap_S{};
+        return true;
+}
+
+File_T FileMap_getFile(FileMap_T M) {
+        assert(M);
+        return M->file;
+}
+
+void* FileMap_getAddress(FileMap_T M) {
+        assert(M);
+        return M->address;
+}
+
+int FileMap_getSize(FileMap_T M) {
+        assert(M);
+        return M->size;
+}
+
+time_t FileMap_getMtime(FileMap_T M) {
+        assert(M);
+        return M->mtime;
+}
+
+int FileMap_isCompressed(FileMap_T M) {
+        assert(M);
+        return M->mode[1] == 'z';
 }
 
 off_t File_size(const char* path) {

@@ -383,6 +383,15 @@ ssize_t Net_sendfile(const char* path, int fd, int ignored, off_t* offset, size_
         FileMap_T map = FileSource_get(path);
         if (!map)
                 return -1;
+        // A range past the end of the mapping is cut to what the mapping holds.
+        off_t size = FileSource_length(map);
+        if (*offset < 0 || *offset > size) {
+                FileSource_return(map);
+                errno = EINVAL;
+                return -1;
+        }
+        if (static_cast<off_t>(count) > size - *offset)
+                count = static_cast<size_t>(size - *offset);
         ssize_t n = Net_write(fd, FileSource_address(map) + *offset, count, 0);
         if (n > 0)
                 *offset += n;

@@ -33,6 +33,23 @@ int main(void) {
               strcmp(Command_getEnv(cmd, "B"), "two") == 0);
         Command_free(&cmd);
         CHECK(cmd == NULL);
+        {
+                Cache_T cache = Cache_new(8, Str_cmp, Str_hash);
+                int value = 7;
+                CHECK(Cache_put(cache, "k", &value) == NULL);
+                void** entry = Cache_get(cache, "k");
+                CHECK(entry && *entry == &value);
+                Cache_return(cache, entry);
+                CHECK(Cache_remove(cache, "k") == &value && Cache_size(cache) == 0);
+                Cache_free(&cache);
+                CHECK(cache == NULL);
+        }
+        {
+                FileCache_T files = FileCache_getInstance();
+                FileCache_setMaxSize(files, 1);
+                CHECK(FileCache_getMaxSize(files) == 1024000 && FileCache_files(files) == 0);
+                FileCache_free();
+        }
         Bit_T bits = Bit_new();
         CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
         Bit_free(&bits);
