@@ -12,6 +12,9 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/URLConnection.h>
+#include <vesk/URL.h>
+#include <vesk/SSL.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
