@@ -14,6 +14,9 @@
 /* @modules@ */
 #include <vesk/OS.h>
 #include <vesk/Logger.h>
+#include <vesk/URLConnection.h>
+#include <vesk/URL.h>
+#include <vesk/SSL.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
