@@ -12,6 +12,8 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/XMLParser.h>
+#include <vesk/XMLLexer.h>
 #include <vesk/OS.h>
 #include <vesk/Logger.h>
 #include <vesk/URLConnection.h>

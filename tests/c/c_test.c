@@ -14,6 +14,12 @@ static int failures;
                 }                                                                                \
         } while (0)
 
+static void onStartElement(const char* name, const char** attributes, const char* cdata,
+                           void* ctx) {
+        if (strcmp(name, "a") || strcmp(XMLParser_getAttribute("X", attributes), "1") || cdata)
+                (*(int*)ctx)++;
+}
+
 int main(void) {
         Arena_T arena = Arena_new();
         char* s = ARENA_ALLOC(arena, 6);
@@ -27,6 +33,13 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        {
+                XMLParser_T xml = XMLParser_createFromBuffer("<a x='1'/>", &failures);
+                XMLParser_setStartElementHandler(xml, onStartElement);
+                CHECK(XMLParser_parse(xml));
+                XMLParser_free(&xml);
+                CHECK(xml == NULL);
+        }
         Bit_T bits = Bit_new();
         CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
         Bit_free(&bits);
