@@ -86,6 +86,7 @@ struct Rule {
         Nonterminal lhs;
         int length;
 };
+// Indexed by rule number; rule 0, the accepting one, is never reduced.
 constexpr Rule kRule[] = {{nDocument, 0},   {nDocument, 1},   {nStatement, 4},  {nStatement, 2},
                           {nStatement, 0},  {nStartTag, 4},   {nStartTag, 5},   {nEndTag, 3},
                           {nClosingTag, 4}, {nAttribList, 0}, {nAttribList, 2}, {nAttribute, 2}};
