@@ -30,10 +30,9 @@ constexpr auto kClass = [] {
                         t.c[b] |= kNameByte;
                 if (b >= 32)
                         t.c[b] |= kQuotable;
+                if (b == ' ' || b == '\t' || b == '\r')
+                        t.c[b] |= kBlank;
         }
-        t.c[' '] |= kBlank;
-        t.c['\t'] |= kBlank;
-        t.c['\r'] |= kBlank;
         return t;
 }();
 
