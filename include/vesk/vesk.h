@@ -19,6 +19,12 @@
 #include <vesk/Logger.h>
 #include <vesk/Command.h>
 #include <vesk/Process.h>
+#include <vesk/XMLParser.h>
+#include <vesk/OS.h>
+#include <vesk/Logger.h>
+#include <vesk/URLConnection.h>
+#include <vesk/URL.h>
+#include <vesk/SSL.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>

@@ -14,6 +14,12 @@ static int failures;
                 }                                                                                \
         } while (0)
 
+static void onStartElement(const char* name, const char** attributes, const char* cdata,
+                           void* ctx) {
+        if (strcmp(name, "a") || strcmp(XMLParser_getAttribute("X", attributes), "1") || cdata)
+                (*(int*)ctx)++;
+}
+
 int main(void) {
         Arena_T arena = Arena_new();
         char* s = ARENA_ALLOC(arena, 6);
@@ -49,6 +55,22 @@ int main(void) {
                 FileCache_setMaxSize(files, 1);
                 CHECK(FileCache_getMaxSize(files) == 1024000 && FileCache_files(files) == 0);
                 FileCache_free();
+        }
+        {
+                XMLParser_T xml = XMLParser_createFromBuffer("<a x='1'/>", &failures);
+                XMLParser_setStartElementHandler(xml, onStartElement);
+                CHECK(XMLParser_parse(xml));
+                XMLParser_free(&xml);
+                CHECK(xml == NULL);
+        }
+        {
+                URL_T url = URL_new("http://user@example.com:8080/a%20b?x=1");
+                CHECK(url && URL_getPort(url) == 8080 && strcmp(URL_getPath(url), "/a b") == 0);
+                CHECK(strcmp(URL_getParameter(url, "x"), "1") == 0);
+                URL_free(&url);
+                CHECK(url == NULL);
+                char path[] = "/a/../../b";
+                CHECK(strcmp(URL_normalize(path), "/b") == 0);
         }
         Bit_T bits = Bit_new();
         CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
