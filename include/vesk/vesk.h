@@ -12,6 +12,9 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/URLConnection.h>
+#include <vesk/URL.h>
+#include <vesk/SSL.h>
 #include <vesk/OS.h>
 #include <vesk/Logger.h>
 #include <vesk/Bit.h>

@@ -50,7 +50,7 @@ InputStream_T init(InputStream_T S, Arena_T arena, int socket) {
 
 int readSome(InputStream_T S, char* at, int size, int timeout) {
         if (S->ssl)
-                return SSLTransport_read(S->ssl, at, size);
+                return SSLTransport_read(S->ssl, at, size, timeout);
         return static_cast<int>(Net_read(S->socket, at, static_cast<size_t>(size), timeout));
 }
 

@@ -160,7 +160,7 @@ long writeSSL(OutputStream_T S, const struct iovec* iov, int count) {
                 while (done < iov[i].iov_len) {
                         int n =
                             SSLTransport_write(S->ssl, static_cast<char*>(iov[i].iov_base) + done,
-                                               static_cast<int>(iov[i].iov_len - done));
+                                               static_cast<int>(iov[i].iov_len - done), S->timeout);
                         if (n < 0)
                                 return -1;
                         if (n == 0)

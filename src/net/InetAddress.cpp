@@ -73,12 +73,14 @@ const char* orEmpty(char* buffer, int status) {
 // The hard and the orderly end share everything but how the descriptor is closed.
 void finish(InetAddress_T* I, bool hard) {
         InetAddress_T inet = *I;
-        if (inet->ssl)
-                SSLTransport_release(&inet->ssl);
         if (inet->response)
                 HttpSeam_free(&inet->response);
         if (inet->output)
                 OutputStream_end(inet->output);
+        // TLS goes last: ending the output may still flush through it, and the streams
+        // hold the object until the arena goes.
+        if (inet->ssl)
+                SSLTransport_release(&inet->ssl);
         if (hard) {
                 Net_abort(inet->socket);
         } else {
