@@ -12,6 +12,12 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Cookie.h>
+#include <vesk/Part.h>
+#include <vesk/HttpRequest.h>
+#include <vesk/HttpResponse.h>
+#include <vesk/HttpStore.h>
+#include <vesk/HttpLexer.h>
 #include <vesk/URLConnection.h>
 #include <vesk/URL.h>
 #include <vesk/SSL.h>
