@@ -165,7 +165,7 @@ public:
                 if (status == 0)
                         status = endOfHead();
                 L->cursor = p;
-                return status;
+                return status ? status : L->status;
         }
 
 private:
