@@ -64,7 +64,7 @@ public:
                 std::string got;
                 char buf[65536];
                 struct pollfd p = {client, POLLIN, 0};
-                while (poll(&p, 1, 100) > 0) {
+                while (poll(&p, 1, 10) > 0) {
                         ssize_t n = read(client, buf, sizeof buf);
                         if (n <= 0)
                                 break;

@@ -671,7 +671,8 @@ const char* HttpRequest_getServerURL(HttpRequest_T H) {
         if (!H->serverURL) {
                 int port = HttpRequest_getServerPort(H);
                 char suffix[16] = "";
-                if (port != 80)
+                // 80 is left out, and so is a port nobody could tell.
+                if (port > 0 && port != 80)
                         snprintf(suffix, sizeof suffix, ":%d", port);
                 const char* name = H->serverName;
                 if (!name)
