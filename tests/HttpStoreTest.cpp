@@ -57,7 +57,7 @@ std::string content(Part_T p) {
         return std::string(c, size);
 }
 
-const char* kMultipart = "preamble is not allowed here";
+const char* kNotMultipart = "preamble is not allowed here";
 
 }  // namespace
 
