@@ -199,9 +199,10 @@ char* parseAuthority(URL_T U, char* p, char** portEnd) {
         return end;
 }
 
-// Reads ";name=value" pairs behind the path.
-char* parsePathParams(URL_T U, char* p) {
-        while (*p == ';') {
+// Reads ";name=value" pairs behind the path. Each pair is cut out of the buffer, so the
+// byte that stopped the scan comes back in *stop.
+char* parsePathParams(URL_T U, char* p, char* stop) {
+        while (*stop == ';') {
                 char* name = ++p;
                 while (*p && !strchr("=;?#", *p))
                         p++;
@@ -212,21 +213,21 @@ char* parsePathParams(URL_T U, char* p) {
                         while (*p && !strchr(";?#", *p))
                                 p++;
                 }
-                char next = *p;
+                *stop = *p;
                 *p = 0;
                 addParam(U, name, value);
-                *p = next;
         }
         return p;
 }
 
-// Keeps the raw query, then cuts the buffer's copy into "name=value" pairs.
-char* parseQuery(URL_T U, char* p) {
+// Keeps the raw query, then cuts the buffer's copy into "name=value" pairs. Returns
+// where the query ended, with that byte in *stop.
+char* parseQuery(URL_T U, char* p, char* stop) {
         char* end = p;
         while (*end && *end != '#')
                 end++;
         U->query = copy(p, end);
-        char last = *end;
+        *stop = *end;
         *end = 0;
         while (p < end) {
                 char* name = p;
@@ -243,7 +244,6 @@ char* parseQuery(URL_T U, char* p) {
                         *p++ = 0;
                 addParam(U, name, value);
         }
-        *end = last;
         return end;
 }
 
@@ -261,15 +261,16 @@ bool parse(URL_T U) {
                 U->path = URL_unescape(copy(p, end));
                 p = end;
         }
-        p = parsePathParams(U, p);
-        if (*p == '?')
-                p = parseQuery(U, p + 1);
-        if (*p == '#') {
-                *p = 0;
-                U->ref = p + 1;
-        }
+        // Without a path the port's digits end where the parameters begin.
+        char stop = *p;
         if (portEnd)
                 *portEnd = 0;
+        p = parsePathParams(U, p, &stop);
+        if (stop == '?')
+                p = parseQuery(U, p + 1, &stop);
+        if (stop == '#')
+                U->ref = p + 1;
+        *p = 0;
         return true;
 }
 

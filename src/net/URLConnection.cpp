@@ -213,15 +213,19 @@ void readHead(URLConnection_T C, InputStream_T in) {
                 THROW(IOException, "Invalid username or password");
         if (status != 200)
                 THROW(IOException, "%d %s", status, statusText(status));
+        // Decoding starts behind the head, whose own lines are not chunked.
+        bool chunked = false;
         for (int lines = 0; readLine(in, line, sizeof line); lines++) {
                 if (line[0] == '\n' || (line[0] == '\r' && line[1] == '\n'))
-                        return;
+                        break;
                 if (lines == kMaxHeaderLines)
                         THROW(IOException, "%s sent a response head without end", host);
                 Str_toLower(line);
                 if (Str_startsWith(line, "transfer-encoding") && strstr(line, "chunked"))
-                        InputStream_setChunked(in, 1);
+                        chunked = true;
         }
+        if (chunked)
+                InputStream_setChunked(in, 1);
 }
 
 InputStream_T openFile(URLConnection_T C) {
