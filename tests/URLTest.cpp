@@ -168,7 +168,8 @@ TEST(URLTest, NormalizeResolvesDotsAndSlashes) {
         EXPECT_EQ(normalized("/a/../../b"), "/b");
         EXPECT_EQ(normalized("//a///b/./c"), "/a/b/c");
         EXPECT_EQ(normalized("/.."), "/");
-        EXPECT_EQ(normalized(""), "/");
+        EXPECT_EQ(normalized("."), "/");
+        EXPECT_EQ(normalized(""), "");
         EXPECT_EQ(normalized("/a/b/.."), "/a/");
         EXPECT_EQ(normalized("/a/."), "/a/");
         EXPECT_EQ(normalized("/a/.hidden/..b/..."), "/a/.hidden/..b/...");

@@ -70,7 +70,7 @@ VESK_API char* URL_unescape(char* s);
    NULL for NULL. */
 VESK_API char* URL_escape(const char* s);
 /* Collapses slashes and resolves "." and ".." segments of path in place, never above the
-   start of path; an empty result becomes "/". Returns path. */
+   start of path; a path emptied this way becomes "/", an empty one stays. Returns path. */
 VESK_API char* URL_normalize(char* path);
 /* True if the first ':' of s stands behind at least one byte and is followed by "//". */
 VESK_API int URL_isabsolute(const char* s);

@@ -497,8 +497,9 @@ char* URL_escape(const char* s) {
 }
 
 char* URL_normalize(char* path) {
-        if (!path)
-                return nullptr;
+        // The empty text has no room for the "/" that an emptied path becomes.
+        if (!path || !*path)
+                return path;
         size_t w = 0;
         for (size_t r = 0; path[r];) {
                 char c = path[r];

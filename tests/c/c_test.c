@@ -35,6 +35,15 @@ int main(void) {
                 CHECK(strcmp(HttpResponse_status(404), "Not Found") == 0);
                 Arena_dispose(&a);
         }
+        {
+                URL_T url = URL_new("http://user@example.com:8080/a%20b?x=1");
+                CHECK(url && URL_getPort(url) == 8080 && strcmp(URL_getPath(url), "/a b") == 0);
+                CHECK(strcmp(URL_getParameter(url, "x"), "1") == 0);
+                URL_free(&url);
+                CHECK(url == NULL);
+                char path[] = "/a/../../b";
+                CHECK(strcmp(URL_normalize(path), "/b") == 0);
+        }
         Bit_T bits = Bit_new();
         CHECK(Bit_put(bits, 42) == 1 && Bit_member(bits, 42) && Bit_length(bits) == 1);
         Bit_free(&bits);
