@@ -259,9 +259,13 @@ TEST_F(TimeTest, GmtAndLocalConversionsKeepTheMoment) {
         Date leap(Time_gm(951782400));  // 2000-02-29 00:00:00 GMT
         Time_addYears(leap, 4);
         EXPECT_EQ(ymdhms(leap), "2004-02-29 00:00:00");
-        // Fields beyond what that conversion accepts give the epoch.
+        // Any field rolls over, however far out of range.
         Time_setMinutes(leap, 61);
-        EXPECT_EQ(Time_getTime(leap), 0);
+        EXPECT_EQ(ymdhms(leap), "2004-02-29 01:01:00");
+        Time_addDays(leap, 366);
+        EXPECT_EQ(ymdhms(leap), "2005-03-01 01:01:00");
+        Time_setDay(leap, 0);
+        EXPECT_EQ(ymdhms(leap), "2005-02-28 01:01:00");
 }
 
 TEST_F(TimeTest, DaysToIsSignedAndRounded) {

@@ -70,6 +70,27 @@ time_t timegm(struct tm* tm) {
             (((days + tm->tm_mday - 1) * 24 + tm->tm_hour) * 60 + tm->tm_min) * 60 + tm->tm_sec);
 }
 
+// GMT fields to a time with every field allowed out of range, so that a setter or adder on a
+// GMT date rolls over (day 32 of January is 1 February) as it does for a local date.
+time_t rollingGmt(const struct tm& tm) {
+        long long year = tm.tm_year + 1900LL + tm.tm_mon / 12;
+        int month = tm.tm_mon % 12;
+        if (month < 0) {
+                month += 12;
+                year--;
+        }
+        // Days from 1970-01-01 to the first of the month, on the proleptic Gregorian calendar.
+        long long y = month < 2 ? year - 1 : year;
+        long long era = (y >= 0 ? y : y - 399) / 400;
+        long long yoe = y - era * 400;
+        long long mp = (month + 10) % 12;  // March is 0
+        long long doy = (153 * mp + 2) / 5;
+        long long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
+        long long days = era * 146097 + doe - 719468;
+        return static_cast<time_t>((days + tm.tm_mday - 1) * 86400LL + tm.tm_hour * 3600LL +
+                                   tm.tm_min * 60LL + tm.tm_sec);
+}
+
 }  // namespace own
 
 struct tm localFields(time_t time) {
@@ -109,7 +130,7 @@ char* dateText(const struct tm& tm, char* result) {
 void normalize(Time_T D) {
         D->tm.tm_isdst = -1;
         if (D->isgmt) {
-                D->time = own::timegm(&D->tm);
+                D->time = own::rollingGmt(D->tm);
                 gmtime_r(&D->time, &D->tm);
         } else {
                 D->time = mktime(&D->tm);
