@@ -296,22 +296,22 @@ TEST(CacheQueue, BatchesByTimeOrAtOnceOnFlush) {
         EXPECT_GE(waited, 900ms);
         EXPECT_EQ(seen.batches.size(), 1u);  // both in one batch
 
-        start = std::chrono::steady_clock::now();
+        CacheQueue_free(&Q);
+
+        // With a minute to wait, delivery within seconds can only come from the flush.
+        Q = CacheQueue_new(60, 0, engine);
         CacheQueue_add(Q, Cc);
         CacheQueue_flush(Q);
-        ASSERT_TRUE(seen.waitFor(3, 2s));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 500ms);
+        ASSERT_TRUE(seen.waitFor(3, 20s));
         CacheQueue_free(&Q);
 }
 
 TEST(CacheQueue, LengthCutsTheTimeShort) {
         seen.reset();
         CacheQueue_T Q = CacheQueue_new(60, 2, engine);
-        auto start = std::chrono::steady_clock::now();
         CacheQueue_add(Q, A);
         CacheQueue_add(Q, B);
-        ASSERT_TRUE(seen.waitFor(2, 2s));
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+        ASSERT_TRUE(seen.waitFor(2, 20s));  // well before the minute runs out
         CacheQueue_free(&Q);
 }
 

@@ -535,11 +535,9 @@ int File_open(const char* path, const char* mode) {
 }
 
 int File_close(int fd) {
-        int status;
-        do
-                status = close(fd);
-        while (status == -1 && errno == EINTR);
-        return status == 0;
+        // Linux releases the descriptor even when close is interrupted; closing again could
+        // close a descriptor that another thread has just been given.
+        return close(fd) == 0 || errno == EINTR;
 }
 
 int File_canRead(int fd, int timeout) {

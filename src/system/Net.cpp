@@ -46,12 +46,10 @@ int familyOf(int version) {
         return AF_UNSPEC;
 }
 
+// Closes once: Linux releases the descriptor even when close reports EINTR (or EAGAIN while
+// lingering), and a second close could hit a descriptor another thread has just been given.
 int closeRetrying(int fd, bool alsoAgain) {
-        int r;
-        do
-                r = close(fd);
-        while (r == -1 && (errno == EINTR || (alsoAgain && errno == EAGAIN)));
-        return r == 0;
+        return close(fd) == 0 || errno == EINTR || (alsoAgain && errno == EAGAIN);
 }
 
 // Closes fd on a failure path without losing the errno that explains the failure.
