@@ -20,11 +20,15 @@
 #include <vesk/Command.h>
 #include <vesk/Process.h>
 #include <vesk/XMLParser.h>
-#include <vesk/OS.h>
-#include <vesk/Logger.h>
 #include <vesk/URLConnection.h>
 #include <vesk/URL.h>
 #include <vesk/SSL.h>
+#include <vesk/Cookie.h>
+#include <vesk/Part.h>
+#include <vesk/HttpRequest.h>
+#include <vesk/HttpResponse.h>
+#include <vesk/HttpStore.h>
+#include <vesk/HttpLexer.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
