@@ -1,0 +1,168 @@
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include <vesk/Cookie.h>
+#include <vesk/HttpResponse.h>
+#include <vesk/OutputStream.h>
+
+#include "HttpSupport.hpp"
+#include "Support.hpp"
+
+namespace {
+
+// A parsed request whose response goes to the client side of the connection.
+struct Exchange : Connection {
+        explicit Exchange(const char* head = "GET /a/b HTTP/1.1\r\nHost: h.org\r\n\r\n") {
+                EXPECT_EQ(parse(head), 200);
+        }
+        HttpResponse_T r() const { return response(); }
+        OutputStream_T out() const { return HttpResponse_getOutputStream(response()); }
+        std::string finish() {
+                HttpResponse_finalize(r());
+                OutputStream_flush(out());
+                return received();
+        }
+};
+
+bool has(const std::string& s, const std::string& part) {
+        return s.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+TEST(HttpResponse, ReasonPhrases) {
+        EXPECT_STREQ(HttpResponse_status(200), "OK");
+        EXPECT_STREQ(HttpResponse_status(413), "Request Entity too large");
+        EXPECT_STREQ(HttpResponse_status(500), "Internal Server error");
+        EXPECT_STREQ(HttpResponse_status(505), "Version not supported");
+        EXPECT_STREQ(HttpResponse_status(299), "Unknown status");
+}
+
+TEST(HttpResponse, SmallBodyGetsContentLength) {
+        Exchange x;
+        OutputStream_print(x.out(), "hello");
+        std::string got = x.finish();
+        EXPECT_EQ(got.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
+        EXPECT_TRUE(has(got, "Content-Length: 5\r\n"));
+        EXPECT_TRUE(has(got, "Content-Type: text/plain\r\n"));
+        EXPECT_TRUE(has(got, "Server: Vesk/2.0\r\n"));
+        EXPECT_TRUE(has(got, "Connection: keep-alive\r\nKeep-Alive: timeout=15, max=99\r\n"));
+        EXPECT_FALSE(has(got, "chunked"));
+        EXPECT_TRUE(has(got, "\r\n\r\nhello"));
+        EXPECT_EQ(HttpResponse_getBytesWritten(x.r()), 5);
+        EXPECT_TRUE(HttpResponse_isCommited(x.r()));
+}
+
+TEST(HttpResponse, LargeBodyIsChunkedOnKeptConnectionOnly) {
+        std::string body(10000, 'x');
+        {
+                Exchange x;
+                OutputStream_write(x.out(), body.data(), static_cast<int>(body.size()));
+                std::string got = x.finish();
+                EXPECT_TRUE(has(got, "Transfer-Encoding: chunked\r\n"));
+                EXPECT_FALSE(has(got, "Content-Length"));
+                EXPECT_TRUE(has(got, "\r\n0\r\n\r\n"));
+        }
+        {
+                Exchange x;
+                HttpResponse_setHeader(x.r(), "Connection", "close");
+                OutputStream_write(x.out(), body.data(), static_cast<int>(body.size()));
+                std::string got = x.finish();
+                EXPECT_FALSE(has(got, "chunked"));
+                EXPECT_FALSE(has(got, "Content-Length"));
+                EXPECT_FALSE(has(got, "Keep-Alive"));
+                EXPECT_EQ(HttpResponse_getKeepAlive(x.r()), 0);
+                EXPECT_TRUE(has(got, body));
+        }
+}
+
+TEST(HttpResponse, SendErrorKeepsTheConnectionOnlyFor404) {
+        {
+                Exchange x;
+                HttpResponse_sendError(x.r(), 404, nullptr);
+                std::string got = x.finish();
+                EXPECT_EQ(got.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u);
+                EXPECT_TRUE(has(got, "Content-Type: text/html\r\n"));
+                EXPECT_TRUE(has(got, "Keep-Alive"));
+                EXPECT_TRUE(has(got, "<h2>Not Found</h2>\r\n<hr>Vesk/2.0"));
+        }
+        {
+                Exchange x;
+                OutputStream_print(x.out(), "partial");
+                HttpResponse_sendError(x.r(), 500, "bad <%s>", "x");
+                std::string got = x.finish();
+                EXPECT_EQ(got.rfind("HTTP/1.1 500 Internal Server error\r\n", 0), 0u);
+                EXPECT_TRUE(has(got, "Connection: close\r\n"));
+                EXPECT_TRUE(has(got, "bad &lt;x&gt;"));
+                EXPECT_FALSE(has(got, "partial"));
+                // Committed: a later error changes nothing.
+                HttpResponse_sendError(x.r(), 503, "late");
+                EXPECT_EQ(HttpResponse_getStatus(x.r()), 500);
+        }
+}
+
+TEST(HttpResponse, IncludeLocksTheHeadButNotRemoval) {
+        Exchange x;
+        HttpResponse_setHeader(x.r(), "X-A", "1");
+        HttpResponse_addHeader(x.r(), "X-B", "%d", 2);
+        HttpResponse_addIntHeader(x.r(), "X-B", 3);
+        EXPECT_TRUE(HttpResponse_containsHeaderValue(x.r(), "x-b", "3"));
+        HttpResponse_setProcessingInclude(x.r(), 1);
+        HttpResponse_setHeader(x.r(), "X-A", "changed");
+        HttpResponse_setHeader(x.r(), "X-C", "new");
+        EXPECT_STREQ(HttpResponse_getHeader(x.r(), "X-A"), "1");
+        EXPECT_FALSE(HttpResponse_containsHeader(x.r(), "X-C"));
+        HttpResponse_removeHeader(x.r(), "X-A");
+        EXPECT_FALSE(HttpResponse_containsHeader(x.r(), "X-A"));
+        EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), nullptr, "v"); }), "key");
+        EXPECT_EQ(assertion([&] { HttpResponse_setContentType(x.r(), nullptr); }), "type");
+        EXPECT_EQ(assertion([&] { HttpResponse_addCookie(x.r(), nullptr); }), "cookie");
+        EXPECT_EQ(assertion([] {
+                          HttpResponse_T none = nullptr;
+                          HttpResponse_free(&none);
+                  }),
+                  "H && *H");
+}
+
+TEST(HttpResponse, RedirectsResolveBelowTheCurrentPath) {
+        {
+                Exchange x;
+                HttpResponse_sendRedirect(x.r(), "c/../d");
+                std::string got = x.finish();
+                EXPECT_EQ(got.rfind("HTTP/1.1 302 Moved Temporarily\r\n", 0), 0u);
+                EXPECT_TRUE(has(got, "Location: http://h.org/a/b/d\r\n"));
+        }
+        {
+                Exchange x;
+                HttpResponse_sendRedirect(x.r(), "https://other.org/%s", "x");
+                std::string got = x.finish();
+                EXPECT_TRUE(has(got, "Location: https://other.org/x\r\n"));
+                EXPECT_TRUE(has(got, "Connection: close\r\n"));
+        }
+        {
+                Exchange x;
+                HttpResponse_sendRedirect(x.r(), "%s", "");
+                EXPECT_STREQ(HttpResponse_getHeader(x.r(), "Location"), "http://h.org/");
+        }
+}
+
+TEST(HttpResponse, CookiesResetAndEncodeURL) {
+        Exchange x;
+        Cookie_T c = Cookie_alloc(HttpResponse_getArena(x.r()), "a", "b");
+        HttpResponse_addCookie(x.r(), c);
+        HttpResponse_setStatus(x.r(), 201);
+        OutputStream_print(x.out(), "dropped");
+        HttpResponse_reset(x.r());
+        EXPECT_EQ(HttpResponse_getStatus(x.r()), 200);
+        EXPECT_FALSE(HttpResponse_containsHeader(x.r(), "Set-Cookie"));
+        HttpResponse_addCookie(x.r(), c);
+        HttpResponse_setDateHeader(x.r(), "Expires", 784111777);
+        // Without a session no URL is rewritten.
+        EXPECT_STREQ(HttpResponse_encodeURL(x.r(), "/x?y=1"), "/x?y=1");
+        std::string got = x.finish();
+        EXPECT_TRUE(has(got, "Set-Cookie: a=b\r\n"));
+        EXPECT_TRUE(has(got, "Expires: Sun, 06 Nov 1994 08:49:37 GMT\r\n"));
+        EXPECT_TRUE(has(got, "Content-Length: 0\r\n"));
+        EXPECT_FALSE(has(got, "dropped"));
+}
