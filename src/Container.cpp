@@ -6,13 +6,13 @@
 #include <initializer_list>
 
 #include <vesk/Arena.h>
+#include <vesk/Build.h>
 #include <vesk/Container.h>
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
 #include <vesk/File.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
-#include <vesk/Reactor.h>
 #include <vesk/Thread.h>
 #include <vesk/assert.h>
 
@@ -112,6 +112,7 @@ void checkControlFile(Container_T C) {
 }  // namespace
 
 Container_T Container_new(void) {
+        Build_init();
         OS_initialize();
         Container_T C;
         NEW0(C);
@@ -124,6 +125,8 @@ Container_T Container_new(void) {
 
 void Container_free(Container_T* C) {
         assert(C && *C);
+        if ((*C)->B)
+                Build_free(&(*C)->B);
         if (Container_Home == (*C)->home) {
                 Container_Home = nullptr;
                 Container_WorkDir = "/tmp";
@@ -217,6 +220,8 @@ Build_T Container_bootstrap(Container_T C) {
         // Before the configuration is read: its failures then no longer reach the terminal.
         if (C->daemon)
                 OS_daemonize();
+        C->B = Build_parse(C->home, C->controlFile);
+        assert(C->B);
         C->bootstrapped = 1;
         return C->B;
 }
@@ -234,7 +239,7 @@ void Container_start(Container_T C) {
                 Container_bootstrap(C);
         OS_createPidFile(C);
         OS_signal(C);
-        Reactor_start(Reactor_getInstance());
+        Build_start(C->B);
 }
 
 void Container_stop(Container_T C) {
@@ -253,6 +258,6 @@ int Container_isRunning(Container_T C) {
 
 void Container_shutdown(Container_T C) {
         assert(C);
-        Reactor_stop(Reactor_getInstance());
+        Build_stop(C->B);
         File_delete(C->pidFile);
 }

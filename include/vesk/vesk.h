@@ -12,6 +12,8 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Build.h>
+#include <vesk/Config.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>
 #include <vesk/Host.h>
