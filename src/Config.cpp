@@ -136,7 +136,12 @@ void Config_parseDeploy(const char* file) {
         Config_init();
         ParseState a = {};
         a.file = file;
-        XMLParser_T parser = XMLParser_new(URL_create("file://%s", file), &a);
+        // A file URL needs an absolute path: a relative one would read as a host.
+        char absolute[4097];
+        const char* path = file;
+        if (!File_isPathAbsolute(file) && File_getRealPath(file, absolute))
+                path = absolute;
+        XMLParser_T parser = XMLParser_new(URL_create("file://%s", path), &a);
         XMLParser_setErrorHandler(parser, saxError);
         XMLParser_setStartDocumentHandler(parser, saxStartDocument);
         XMLParser_setEndDocumentHandler(parser, saxEndDocument);

@@ -337,8 +337,16 @@ void saxAddHost(const char** attributes, ParseState* a) {
                         Error_warn("Warning: Unknown <Host> attribute '%s'\n", attribute);
                 }
         }
-        Engine_addHost(a->B->engine, host);
+        // The Engine owns the host from here on, even if adding it fails. A second host of
+        // the same name is refused before the Engine's table would drop the first.
         a->host = nullptr;
+        const char* lowered = Host_getName(host);
+        Host_T other = Engine_findHost(a->B->engine, lowered);
+        if (other && Str_isByteEqual(Host_getName(other), lowered)) {
+                Host_free(&host);
+                THROW(AssertException, "A host with the name '%s' has already been added", lowered);
+        }
+        Engine_addHost(a->B->engine, host);
 }
 
 void saxAddContext(const char** attributes, ParseState* a) {
@@ -648,7 +656,12 @@ Build_T Build_parse(const char* containerHome, const char* server_xml) {
         TRY
                 a.B = Build_new();
                 copyField(a.parsedHome, containerHome);
-                parser = XMLParser_new(URL_create("file://%s", server_xml), &a);
+                // A file URL needs an absolute path: a relative one would read as a host.
+                char absolute[kPath + 1];
+                const char* path = server_xml;
+                if (!File_isPathAbsolute(server_xml) && File_getRealPath(server_xml, absolute))
+                        path = absolute;
+                parser = XMLParser_new(URL_create("file://%s", path), &a);
                 XMLParser_setErrorHandler(parser, saxError);
                 XMLParser_setEndElementHandler(parser, saxEndElement);
                 XMLParser_setEndDocumentHandler(parser, saxEndDocument);
