@@ -60,17 +60,23 @@ void Engine_addHost(Engine_T E, Host_T host) {
         assert(host);
         const char* name = Host_getName(host);
         assert(name);
-        if (Table_put(E->hosts, name, host))
+        // A duplicate is refused before it can displace the entry it collides with.
+        if (Table_get(E->hosts, name))
                 THROW(AssertException, "A host with the name '%s' has already been added", name);
+        Table_put(E->hosts, name, host);
         const char* address = Host_getAddress(host);
-        if (address && Table_put(E->addresses, address, host))
-                THROW(AssertException, "A host with the address '%s' has already been added",
-                      address);
+        if (address) {
+                if (Table_get(E->addresses, address))
+                        THROW(AssertException,
+                              "A host with the address '%s' has already been added", address);
+                Table_put(E->addresses, address, host);
+        }
         for (list_t p = Host_getAliases(host)->head; p; p = p->next) {
                 char* alias = Str_toLower(STR_DUP_ARENA(E->arena, static_cast<char*>(p->e)));
-                if (Table_put(E->aliases, alias, host))
+                if (Table_get(E->aliases, alias))
                         THROW(AssertException, "A host with the alias '%s' has already been added",
                               alias);
+                Table_put(E->aliases, alias, host);
         }
 }
 
