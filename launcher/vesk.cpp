@@ -1,7 +1,9 @@
 // vesk: starts, stops and queries the server that runs from a home directory.
 #include <stdio.h>
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -45,6 +47,45 @@ void waitForStop(Container_T C) {
         }
         if (Container_isRunning(C))
                 fail("the server did not stop within 30 seconds");
+}
+
+// The path made absolute: a daemon works from "/", and file URLs need absolute paths. A
+// path that does not resolve stays as given, for the library to report in its own words.
+std::string absolute(const std::string& path) {
+        if (path.empty() || path[0] == '/')
+                return path;
+        char real[PATH_MAX];
+        if (realpath(path.c_str(), real))
+                return real;
+        char cwd[PATH_MAX];
+        return getcwd(cwd, sizeof cwd) ? std::string(cwd) + "/" + path : path;
+}
+
+// A daemon reads its configuration after it has left the terminal, so a fault there would
+// go unseen. Read it once first in a child that stays in the foreground, and stop here
+// with its message if it fails.
+void checkConfiguration(Container_T C) {
+        fflush(nullptr);
+        pid_t child = fork();
+        if (child < 0)
+                fail("cannot fork to check the configuration");
+        if (child == 0) {
+                int status = 0;
+                TRY
+                        Container_setDaemon(C, 0);
+                        Container_bootstrap(C);
+                ELSE
+                        fprintf(stderr, "%s: %s\n", program, Exception_frame.message);
+                        status = 1;
+                END_TRY;
+                fflush(nullptr);
+                _exit(status);
+        }
+        int status = 0;
+        while (waitpid(child, &status, 0) < 0)
+                ;
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+                exit(1);
 }
 
 }  // namespace
@@ -95,6 +136,9 @@ int main(int argc, char** argv) {
                         fail("cannot read the current directory");
                 home = cwd;
         }
+        home = absolute(home);
+        pidFile = absolute(pidFile);
+        controlFile = absolute(controlFile);
         Container_Standalone = 1;
         int status = 0;
         Container_T C = nullptr;
@@ -107,6 +151,8 @@ int main(int argc, char** argv) {
                         Container_setControlFile(C, controlFile.c_str());
                 if (command == "start") {
                         Container_setDaemon(C, !foreground);
+                        if (!foreground && !Container_isRunning(C))
+                                checkConfiguration(C);
                         Container_start(C);
                 } else if (command == "stop") {
                         if (Container_isRunning(C)) {

@@ -6,13 +6,13 @@
 #include <initializer_list>
 
 #include <vesk/Arena.h>
+#include <vesk/Build.h>
 #include <vesk/Container.h>
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
 #include <vesk/File.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
-#include <vesk/Reactor.h>
 #include <vesk/Thread.h>
 #include <vesk/assert.h>
 
@@ -53,11 +53,13 @@ int Container_Standalone = 0;
 int Container_Concurrency = 4096;
 void (*Container_AbortHandler)(const char* format, ...) = AbortHandler;
 
-// The foundation keys exist before any other code of the process can raise or allocate.
+// The foundation's thread keys exist before any other code of the process can raise, allocate
+// or ask for the arena of the request it serves.
 __attribute__((constructor)) static void Container_load(void) {
         Arena_init();
         Exception_init();
         Thread_init();
+        Exception_wrapper(pthread_key_create(&(Request_Arena), NULL));
 }
 
 namespace {
@@ -112,6 +114,7 @@ void checkControlFile(Container_T C) {
 }  // namespace
 
 Container_T Container_new(void) {
+        Build_init();
         OS_initialize();
         Container_T C;
         NEW0(C);
@@ -124,6 +127,8 @@ Container_T Container_new(void) {
 
 void Container_free(Container_T* C) {
         assert(C && *C);
+        if ((*C)->B)
+                Build_free(&(*C)->B);
         if (Container_Home == (*C)->home) {
                 Container_Home = nullptr;
                 Container_WorkDir = "/tmp";
@@ -217,6 +222,8 @@ Build_T Container_bootstrap(Container_T C) {
         // Before the configuration is read: its failures then no longer reach the terminal.
         if (C->daemon)
                 OS_daemonize();
+        C->B = Build_parse(C->home, C->controlFile);
+        assert(C->B);
         C->bootstrapped = 1;
         return C->B;
 }
@@ -234,7 +241,7 @@ void Container_start(Container_T C) {
                 Container_bootstrap(C);
         OS_createPidFile(C);
         OS_signal(C);
-        Reactor_start(Reactor_getInstance());
+        Build_start(C->B);
 }
 
 void Container_stop(Container_T C) {
@@ -253,6 +260,6 @@ int Container_isRunning(Container_T C) {
 
 void Container_shutdown(Container_T C) {
         assert(C);
-        Reactor_stop(Reactor_getInstance());
+        Build_stop(C->B);
         File_delete(C->pidFile);
 }

@@ -26,7 +26,7 @@ extern char** environ;
 
 namespace {
 
-// A home directory with logs/ and conf/server.xml, removed at the end.
+// A home directory with logs/, conf/server.xml and webapps/ROOT, removed at the end.
 struct Home {
         std::string path;
         Home() {
@@ -34,7 +34,15 @@ struct Home {
                 path = mkdtemp(tmpl);
                 mkdir((path + "/logs").c_str(), 0755);
                 mkdir((path + "/conf").c_str(), 0755);
-                std::ofstream(path + "/conf/server.xml") << "<Server/>\n";
+                mkdir((path + "/webapps").c_str(), 0755);
+                mkdir((path + "/webapps/ROOT").c_str(), 0755);
+                // A server with one host and no connector: it starts, listens nowhere and
+                // stops on a signal.
+                std::ofstream(path + "/conf/server.xml")
+                    << "<Server><License owner=\"test\"/><Service>"
+                       "<Engine defaultHost=\"localhost\">"
+                       "<Host name=\"localhost\" appBase=\"webapps\"/>"
+                       "</Engine></Service></Server>\n";
         }
         ~Home() { system(("rm -rf '" + path + "'").c_str()); }
         std::string pidFile() const { return path + "/logs/Vesk.pid"; }

@@ -13,6 +13,8 @@
 #include <vesk/Container.h>
 /* @modules@ */
 #include <vesk/HttpConnector.h>
+#include <vesk/Build.h>
+#include <vesk/Config.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>
 #include <vesk/Host.h>

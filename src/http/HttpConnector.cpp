@@ -12,6 +12,7 @@
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
 #include <vesk/Host.h>
+#include <vesk/Build.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
@@ -590,7 +591,6 @@ void HttpConnector_free(HttpConnector_T* H) {
 
 void HttpConnector_start(HttpConnector_T H) {
         assert(H);
-        ConnectorSeam_initRequestArena();
         Error_debug(
             "Starting IPv%d Connector with scheme '%s' at %s:%d with %d processor threads\n",
             H->ipVersion, H->scheme, H->bindAddress ? H->bindAddress : "*", H->port,

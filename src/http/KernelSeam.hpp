@@ -18,13 +18,14 @@
 #include <unistd.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Build.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 
-// pthread_getspecific(Request_Arena): the arena of the request this thread serves.
+// The arena of the request this thread serves, or NULL outside a request.
 inline Arena_T KernelSeam_requestArena() {
-        return nullptr;
+        return static_cast<Arena_T>(pthread_getspecific(Request_Arena));
 }
 
 // The connector's body limit; a connection without a connector has the default one.

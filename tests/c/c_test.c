@@ -33,6 +33,14 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        Config_init();
+        Config_addMimeType("HTML", "Text/HTML");
+        Config_addWelcomeFile("docs/Index.HTML");
+        CHECK(strcmp(Config_getMimeType("a/b.html"), "text/html") == 0 &&
+              Config_getMimeType("b.HTML") == NULL && Config_getMimeType("README") == NULL);
+        CHECK(List_length(Config_getWelcomeFiles()) == 1 &&
+              strcmp((const char*)Config_getWelcomeFiles()->head->e, "index.html") == 0);
+        Config_destroy();
         Command_T cmd = Command_new();
         Command_vSetEnv(cmd, "A=%d;B=two", 1);
         CHECK(strcmp(Command_getEnv(cmd, "A"), "1") == 0 &&

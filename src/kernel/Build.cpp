@@ -1,0 +1,753 @@
+#include <pthread.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <vesk/Arena.h>
+#include <vesk/Build.h>
+#include <vesk/Config.h>
+#include <vesk/Container.h>
+#include <vesk/Context.h>
+#include <vesk/Engine.h>
+#include <vesk/Error.h>
+#include <vesk/Exception.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
+#include <vesk/Host.h>
+#include <vesk/Logger.h>
+#include <vesk/Mem.h>
+#include <vesk/OS.h>
+#include <vesk/Reactor.h>
+#include <vesk/SSL.h>
+#include <vesk/Service.h>
+#include <vesk/Socket.h>
+#include <vesk/Str.h>
+#include <vesk/System.h>
+#include <vesk/Thread.h>
+#include <vesk/URL.h>
+#include <vesk/XMLParser.h>
+#include <vesk/assert.h>
+
+#include "kernel/BuildSeams.hpp"
+
+pthread_key_t Request_Arena;
+
+struct Build_S {
+        Engine_T engine;
+        Service_T service;
+};
+
+namespace {
+
+constexpr int kPath = 4096;
+// The parse state's texts hold at most this many bytes with the terminator.
+constexpr int kField = 256;
+
+// The states of server.xml's machine.
+enum {
+        kBeforeRoot = 0,
+        kAfterRoot = 1,
+        kServer = 2,
+        kLicense = 3,
+        kService = 4,
+        kEngine = 5,
+        kHost = 6,
+};
+
+struct ParseState {
+        Build_T B;
+        int state;
+        int licensed;
+        char parsedHome[kField];
+        char hostName[kField];
+        char defaultHost[kField];
+        char appBase[kField];
+        // Objects made by the element being handled and not yet handed to their owner,
+        // released if the element fails.
+        Host_T host;
+        Context_T context;
+        HttpConnector_T connector;
+};
+
+void copyField(char* field, const char* value) {
+        Str_copy(field, value, kField - 1);
+}
+
+bool isTrue(const char* value) {
+        return Str_isEqual(value, "true");
+}
+
+long long checkNumberAttribute(const char* element, const char* attribute, const char* value) {
+        long long n = 0;
+        TRY
+                n = Str_parseLLong(value);
+        CATCH(NumberFormatException)
+                THROW(AssertException, "The value '%s' given in <%s> attribute '%s' is not a number",
+                      value ? value : "", element, attribute);
+        END_TRY;
+        return n;
+}
+
+void checkDirAttribute(const char* path, const char* element, const char* attribute) {
+        if (!File_isDirectory(path))
+                THROW(AssertException,
+                      "The directory '%s' given in <%s> attribute '%s' does not exist", path,
+                      element, attribute);
+}
+
+void checkHostAttribute(const char* host, const char* element, const char* attribute) {
+        if (Socket_resolve(host) <= 0)
+                THROW(AssertException, "Cannot resolve host '%s' given in <%s> attribute '%s'",
+                      host, element, attribute);
+}
+
+// out, of kPath + 1 bytes, becomes the real path of directory (under the home if relative)
+// joined with fileName. The directory must exist; the file need not.
+void makeFilePath(const char* element, char* out, const char* directory, const char* fileName,
+                  ParseState* a) {
+        if (!directory || !*directory)
+                THROW(AssertException, "The directory attribute in <%s> is not defined", element);
+        if (!fileName || !*fileName)
+                THROW(AssertException, "The fileName attribute in <%s> is not defined", element);
+        char path[kPath + 1];
+        if (File_isPathAbsolute(directory))
+                snprintf(path, sizeof path, "%s", directory);
+        else
+                snprintf(path, sizeof path, "%s%s%s", a->parsedHome, SEPARATOR, directory);
+        char real[kPath + 1];
+        if (!File_getRealPath(path, real))
+                THROW(AssertException,
+                      "The directory '%s' specified in the directory attribute in <%s> does not "
+                      "exist or cannot be resolved",
+                      path, element);
+        Str_join(out, kPath, real, SEPARATOR, fileName);
+}
+
+// The home of relative certificate and database paths: the Container's, else the parsed one.
+const char* home(ParseState* a) {
+        return Container_Home && *Container_Home ? Container_Home : a->parsedHome;
+}
+
+void checkLicense(const char** attributes, const char* key) {
+        (void)key;
+        const char* owner = XMLParser_getAttribute("owner", attributes);
+        if (!owner || !*owner)
+                THROW(AssertException,
+                      "The owner attribute was not defined in the <License> element");
+        Error_debug("Licensed to '%s'\n", owner);
+}
+
+// The Connector attributes in their setters' terms; a number keeps its low 32 bits.
+struct NumberAttribute {
+        const char* name;
+        void (*const* set)(HttpConnector_T, int);
+};
+constexpr NumberAttribute kNumberAttributes[] = {
+    {"redirectPort", &buildseam::setRedirectPort},
+    {"ipversion", &buildseam::setIPVersion},
+    {"connectionTimeout", &buildseam::setConnectionTimeout},
+    {"processors", &buildseam::setProcessorThreads},
+    {"processorTimeout", &buildseam::setProcessorTimeout},
+    {"port", &buildseam::setPort},
+    {"contentLengthLimit", &buildseam::setContentLengthLimit},
+    {"contentLengthBufferLimit", &buildseam::setContentLengthBufferLimit},
+    {"proxyPort", &buildseam::setProxyPort},
+};
+
+void setConnectorAttribute(HttpConnector_T connector, const char* name, const char* value) {
+        if (Str_isEqual(name, "enableLookups")) {
+                buildseam::setEnableLookups(connector, isTrue(value));
+                return;
+        }
+        if (Str_isEqual(name, "Secure")) {
+                buildseam::setSecure(connector, isTrue(value));
+                return;
+        }
+        if (Str_isEqual(name, "address")) {
+                buildseam::setBindAddress(connector, value);
+                return;
+        }
+        if (Str_isEqual(name, "proxyName")) {
+                buildseam::setProxyName(connector, value);
+                return;
+        }
+        if (Str_isEqual(name, "proxyScheme")) {
+                char scheme[kField];
+                copyField(scheme, value);
+                Str_toLower(scheme);
+                if (!Str_match("http$|https$", scheme))
+                        Error_warn("Warning: Scheme should be http or https, not '%s'\n", scheme);
+                buildseam::setProxyScheme(connector, scheme);
+                return;
+        }
+        for (const NumberAttribute& attribute : kNumberAttributes) {
+                if (Str_isEqual(name, attribute.name)) {
+                        int n = static_cast<int>(
+                            static_cast<uint32_t>(checkNumberAttribute("Connector", name, value)));
+                        if (attribute.set == &buildseam::setIPVersion && n != 4 && n != 6)
+                                THROW(AssertException,
+                                      "Configure parameter(%s): Invalid IP-version (%d)", name, n);
+                        (*attribute.set)(connector, n);
+                        return;
+                }
+        }
+        Error_warn("Warning: Unknown configure parameter '%s'\n", name);
+}
+
+void setConnector(const char** attributes, ParseState* a) {
+        a->connector = buildseam::connectorNew();
+        for (int i = 0; attributes[i]; i += 2)
+                setConnectorAttribute(a->connector, attributes[i], attributes[i + 1]);
+        HttpConnector_T connector = a->connector;
+        a->connector = nullptr;
+        buildseam::serviceAddConnector(a->B->service, connector);
+}
+
+void saxAddEngine(const char** attributes, ParseState* a) {
+        const char* fileCache = XMLParser_getAttribute("fileCache", attributes);
+        if (fileCache) {
+                long long n = checkNumberAttribute("Engine", "fileCache", fileCache);
+                if (n < 0)
+                        THROW(AssertException, "Invalid negative fileCache size");
+                FileCache_setMaxSize(FileCache_getInstance(), static_cast<int64_t>(n) * 102400);
+        }
+        const char* defaultHost = XMLParser_getAttribute("defaultHost", attributes);
+        if (!defaultHost)
+                THROW(AssertException,
+                      "The defaultHost attribute was not defined in the <Engine> element");
+        copyField(a->defaultHost, defaultHost);
+}
+
+void saxAddErrorLogger(const char** attributes, ParseState* a) {
+        char path[kPath + 1];
+        makeFilePath("Errorlogger", path, XMLParser_getAttribute("directory", attributes),
+                     XMLParser_getAttribute("fileName", attributes), a);
+        Error_init(path);
+}
+
+int poolSize(const char** attributes, const char* name, int standard) {
+        const char* value = XMLParser_getAttribute(name, attributes);
+        if (!value)
+                return standard;
+        int n = static_cast<int>(checkNumberAttribute("Realm", name, value));
+        if (n < 0)
+                THROW(AssertException, "%s in <Realm> has a negative value\n", name);
+        return n;
+}
+
+void saxAddRealm(const char** attributes, ParseState* a) {
+        const char* url = XMLParser_getAttribute("url", attributes);
+        URL_T U = url ? URL_new(url) : nullptr;
+        if (!U)
+                THROW(AssertException, "Invalid URL '%s' in <Realm>", url ? url : "");
+        TRY
+                const char* protocol = URL_getProtocol(U);
+                if (!buildseam::connectionIsSupported(url))
+                        THROW(AssertException, "Database protocol '%s' not supported in <Realm>", protocol);
+                int min = poolSize(attributes, "minConnections", 5);
+                int max = poolSize(attributes, "maxConnections", 20);
+                if (min > max)
+                        THROW(AssertException,
+                              "minConnections is greater than maxConnections (%d > %d) in "
+                              "<Realm>\n",
+                              min, max);
+                int reap = 0;
+                if (const char* value = XMLParser_getAttribute("reapConnections", attributes)) {
+                        long long n = checkNumberAttribute("Realm", "reapConnections", value);
+                        if (n < 1 || n > 86400)
+                                THROW(AssertException,
+                                      "reapConnections in <Realm> has an invalid value outside "
+                                      "[1..86400] sec\n");
+                        reap = static_cast<int>(n);
+                }
+                const char* path = URL_getPath(U);
+                if (Str_isEqual(protocol, "sqlite") && !(File_isPathAbsolute(path) && File_isFile(path))) {
+                        char database[kPath + 1];
+                        snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
+                        if (!File_isFile(database))
+                                THROW(AssertException, "Realm database '%s' does not exist", database);
+                        URL_setPath(U, database);
+                }
+                URL_T pool = U;
+                U = nullptr;
+                buildseam::realmSetDatabase(pool, min, max, reap);
+        FINALLY
+                if (U)
+                        URL_free(&U);
+        END_TRY;
+}
+
+void saxAddHost(const char** attributes, ParseState* a) {
+        const char* name = XMLParser_getAttribute("name", attributes);
+        if (!name)
+                THROW(AssertException, "The name attribute was not defined in the <Host> element");
+        const char* appBase = XMLParser_getAttribute("appBase", attributes);
+        if (!appBase)
+                THROW(AssertException,
+                      "The appBase attribute was not defined in the <Host> element");
+        Host_T host = a->host = Host_new();
+        copyField(a->hostName, name);
+        checkHostAttribute(a->hostName, "Host", "name");
+        char path[kPath + 1];
+        if (File_isPathAbsolute(appBase))
+                Str_copy(path, appBase, kField - 1);
+        else
+                makeFilePath("Host", path, a->parsedHome, appBase, a);
+        Host_setName(host, a->hostName);
+        checkDirAttribute(path, "Host", "appBase");
+        copyField(a->appBase, path);
+        Host_setAppBase(host, a->appBase);
+        if (const char* certificate = XMLParser_getAttribute("certificate", attributes)) {
+                const char* address = XMLParser_getAttribute("address", attributes);
+                if (!address)
+                        THROW(AssertException,
+                              "Please specify the address to use in the <Host> address attribute");
+                checkHostAttribute(address, "Host", "address");
+                if (Socket_resolve(address) != 1)
+                        THROW(AssertException,
+                              "The address '%s' given in <Host> address attribute resolve to more "
+                              "than one address. Please specify the IP-address to use",
+                              address);
+                Host_setAddress(host, address);
+                char file[kPath + 1];
+                if (File_isPathAbsolute(certificate))
+                        snprintf(file, sizeof file, "%s", certificate);
+                else
+                        snprintf(file, sizeof file, "%s%s%s", home(a), SEPARATOR, certificate);
+                if (!File_isFile(file))
+                        THROW(AssertException,
+                              "Certificate file '%s' given in <Host> certificate attribute does "
+                              "not exist",
+                              file);
+                Host_setCertificate(host, file);
+        }
+        for (int i = 0; attributes[i]; i += 2) {
+                const char* attribute = attributes[i];
+                const char* value = attributes[i + 1];
+                if (Str_isEqual(attribute, "name") || Str_isEqual(attribute, "appBase") ||
+                    Str_isEqual(attribute, "certificate") || Str_isEqual(attribute, "address"))
+                        continue;
+                if (Str_isEqual(attribute, "alias")) {
+                        checkHostAttribute(value, "Host", "alias");
+                        Host_addAlias(host, value);
+                } else if (Str_isEqual(attribute, "ciphers")) {
+                        Host_setCiphers(host, value);
+                } else {
+                        Error_warn("Warning: Unknown <Host> attribute '%s'\n", attribute);
+                }
+        }
+        // The Engine owns the host from here on, even if adding it fails. A second host of
+        // the same name is refused before the Engine's table would drop the first.
+        a->host = nullptr;
+        const char* lowered = Host_getName(host);
+        Host_T other = Engine_findHost(a->B->engine, lowered);
+        if (other && Str_isByteEqual(Host_getName(other), lowered)) {
+                Host_free(&host);
+                THROW(AssertException, "A host with the name '%s' has already been added", lowered);
+        }
+        Engine_addHost(a->B->engine, host);
+}
+
+void saxAddContext(const char** attributes, ParseState* a) {
+        const char* contextPath = XMLParser_getAttribute("path", attributes);
+        if (!contextPath)
+                THROW(AssertException,
+                      "The path attribute was not defined in the <Context> element");
+        const char* docBase = XMLParser_getAttribute("docBase", attributes);
+        if (!docBase)
+                THROW(AssertException,
+                      "The docBase attribute was not defined in the <Context> element");
+        char path[kPath + 1];
+        if (File_isPathAbsolute(docBase))
+                Str_copy(path, docBase, kField - 1);
+        else
+                makeFilePath("Context", path, a->appBase, docBase, a);
+        Host_T host = Engine_findHost(a->B->engine, a->hostName);
+        if (!host)
+                THROW(AssertException, "Host '%s' not found", a->hostName);
+        // A second <Context> with the same path configures the first and keeps its docBase.
+        Context_T context = Host_map(host, contextPath);
+        if (!context || !Str_isByteEqual(Context_getContextPath(context), contextPath)) {
+                context = a->context = Context_new();
+                Context_setContextPath(context, contextPath);
+                checkDirAttribute(path, "Context", "docBase");
+                Context_setDocBase(context, path);
+        }
+        Host_addContext(host, context);
+        a->context = nullptr;
+        if (!*contextPath)
+                Host_setDefaultContext(host, context);
+        for (int i = 0; attributes[i]; i += 2) {
+                const char* attribute = attributes[i];
+                const char* value = attributes[i + 1];
+                if (Str_isEqual(attribute, "path") || Str_isEqual(attribute, "docBase"))
+                        continue;
+                if (Str_isEqual(attribute, "sessionTimeout")) {
+                        long long n = checkNumberAttribute("Context", attribute, value);
+                        if (n < 1)
+                                THROW(AssertException, "sessionTimeout must be > 0");
+                        Context_setSessionTimeout(context, static_cast<int>(n));
+                } else if (Str_isEqual(attribute, "maxActiveSessions")) {
+                        long long n = checkNumberAttribute("Context", attribute, value);
+                        if (n > 0) {
+                                Context_activateSessionManager(context);
+                                buildseam::sessionManagerSetMaxActiveSessions(
+                                    Context_getSessionManager(context), static_cast<int>(n));
+                        }
+                } else if (Str_isEqual(attribute, "saveSessions")) {
+                        Context_setSaveSessions(context, isTrue(value));
+                } else if (Str_isEqual(attribute, "reloadable")) {
+                        Context_setReloadable(context, isTrue(value));
+                } else {
+                        Error_warn("Warning: Unknown configure parameter '%s'\n", attribute);
+                }
+        }
+}
+
+void saxAddAccessLogger(const char** attributes, ParseState* a) {
+        char path[kPath + 1];
+        makeFilePath("Accesslogger", path, XMLParser_getAttribute("directory", attributes),
+                     XMLParser_getAttribute("fileName", attributes), a);
+        Host_T host = Engine_findHost(a->B->engine, a->hostName);
+        if (!host)
+                THROW(AssertException, "Host '%s' not defined", a->hostName);
+        Logger_T logger = Logger_new(path);
+        Host_setAccessLogger(host, logger);
+        if (const char* rotate = XMLParser_getAttribute("rotate", attributes)) {
+                if (!Str_isEqual(rotate, "day") && !Str_isEqual(rotate, "week") &&
+                    !Str_isEqual(rotate, "month"))
+                        THROW(
+                            AssertException,
+                            "Invalid log rotate period '%s' used in <AccessLogger> for <Host> '%s'",
+                            rotate, a->hostName);
+                Logger_setRotate(logger, rotate);
+        }
+}
+
+void saxAddLogger(const char** attributes, ParseState* a) {
+        char path[kPath + 1];
+        makeFilePath("Logger", path, XMLParser_getAttribute("directory", attributes),
+                     XMLParser_getAttribute("fileName", attributes), a);
+        // Off unless asked for, unlike a bare Logger.
+        int timestamp = isTrue(XMLParser_getAttribute("timestamp", attributes));
+        Host_T host = Engine_findHost(a->B->engine, a->hostName);
+        if (!host)
+                THROW(AssertException, "<Host> '%s' not defined", a->hostName);
+        Logger_T logger = Logger_new(path);
+        Host_setLogger(host, logger);
+        Logger_setTimestamp(logger, timestamp);
+}
+
+void notAllowed(const char* name, const char* parent) {
+        THROW(AssertException, "XML parse error -- element <%s> not allowed inside <%s>", name,
+              parent);
+}
+
+void saxStartElement(const char* name, const char** attributes, const char* text, void* ctx) {
+        auto a = static_cast<ParseState*>(ctx);
+        switch (a->state) {
+        case kBeforeRoot:
+                if (!Str_isEqual(name, "Server"))
+                        THROW(AssertException, "XML parse error -- invalid element <%s>", name);
+                a->state = kServer;
+                break;
+        case kServer:
+                if (Str_isEqual(name, "Service")) {
+                        a->state = kService;
+                } else if (Str_isEqual(name, "License")) {
+                        a->state = kLicense;
+                        checkLicense(attributes, text);
+                        a->licensed = 1;
+                } else {
+                        notAllowed(name, "Server");
+                }
+                break;
+        case kService:
+                if (Str_isEqual(name, "Connector")) {
+                        setConnector(attributes, a);
+                } else if (Str_isEqual(name, "Engine")) {
+                        a->state = kEngine;
+                        saxAddEngine(attributes, a);
+                } else {
+                        notAllowed(name, "Service");
+                }
+                break;
+        case kEngine:
+                if (Str_isEqual(name, "Errorlogger")) {
+                        saxAddErrorLogger(attributes, a);
+                } else if (Str_isEqual(name, "Realm")) {
+                        saxAddRealm(attributes, a);
+                } else if (Str_isEqual(name, "Host")) {
+                        a->state = kHost;
+                        saxAddHost(attributes, a);
+                } else {
+                        notAllowed(name, "Engine");
+                }
+                break;
+        case kHost:
+                if (Str_isEqual(name, "Accesslogger"))
+                        saxAddAccessLogger(attributes, a);
+                else if (Str_isEqual(name, "Logger"))
+                        saxAddLogger(attributes, a);
+                else if (Str_isEqual(name, "Context"))
+                        saxAddContext(attributes, a);
+                else
+                        notAllowed(name, "Host");
+                break;
+        default:
+                THROW(AssertException, "XML parse error -- invalid element %s;", name);
+        }
+}
+
+void saxEndElement(const char* name, void* ctx) {
+        auto a = static_cast<ParseState*>(ctx);
+        auto is = [name](const char* element) { return Str_isEqual(name, element); };
+        switch (a->state) {
+        case kServer:
+                if (is("Server")) {
+                        if (!a->licensed)
+                                THROW(AssertException,
+                                      "XML parse error -- element <License> is required inside "
+                                      "<Server>");
+                        a->state = kAfterRoot;
+                        return;
+                }
+                break;
+        case kLicense:
+                if (is("License")) {
+                        a->state = kServer;
+                        return;
+                }
+                break;
+        case kService:
+                if (is("Service")) {
+                        a->state = kServer;
+                        return;
+                }
+                if (is("Connector") || is("Engine"))
+                        return;
+                break;
+        case kEngine:
+                if (is("Engine")) {
+                        a->state = kService;
+                        return;
+                }
+                if (is("Errorlogger") || is("Realm") || is("Host"))
+                        return;
+                break;
+        case kHost:
+                if (is("Host")) {
+                        *a->hostName = *a->appBase = 0;
+                        a->state = kEngine;
+                        return;
+                }
+                if (is("Accesslogger") || is("Logger") || is("Context"))
+                        return;
+                break;
+        default:
+                break;
+        }
+        THROW(AssertException, "XML parse error -- invalid element </%s>", name);
+}
+
+void saxStartDocument(void* ctx) {
+        auto a = static_cast<ParseState*>(ctx);
+        assert(a);
+        if (!*a->parsedHome)
+                THROW(AssertException, "a->parsedHome && *a->parsedHome");
+        a->state = kBeforeRoot;
+        Error_debug("Start parsing the server xml file\n");
+}
+
+void saxEndDocument(void* ctx) {
+        auto a = static_cast<ParseState*>(ctx);
+        if (a->state != kAfterRoot)
+                THROW(AssertException, "The XML Parser is not in the correct stop state");
+        Error_debug("End parsing the server xml file\n");
+}
+
+void saxError(const char* message, void*) {
+        THROW(AssertException, "XML parse error -- %s", message);
+}
+
+// Releases a tree that failed to configure, so that a caller that goes on living (a test,
+// a launcher that reports and retries) keeps no half-built server.
+void release(Build_T* B, ParseState* a) {
+        if (a->connector)
+                buildseam::connectorFree(&a->connector);
+        if (a->context)
+                Context_free(&a->context);
+        if (a->host)
+                Host_free(&a->host);
+        if (*B) {
+                Config_destroy();
+                Engine_free(&(*B)->engine);
+                FREE(*B);
+        }
+}
+
+void checkDefaults(Build_T B) {
+        Host_T host = Engine_getDefaultHost(B->engine);
+        if (!host) {
+                THROW(AssertException, "Default host is not defined");
+                // Reached only when a replaced abort handler returns.
+                Error_warn("Warning: Realm database not defined.\n");
+                return;
+        }
+        if (Host_getDefaultContext(host))
+                return;
+        char root[kField];
+        snprintf(root, sizeof root, "%s%s%s", Host_getAppBase(host), SEPARATOR, "ROOT");
+        if (!File_isDirectory(root))
+                THROW(AssertException,
+                      "Default ROOT appBase '%s' for the default Context does not exist", root);
+        Context_T context = Context_new();
+        Context_setContextPath(context, "");
+        Context_setDocBase(context, root);
+        Host_setDefaultContext(host, context);
+}
+
+pthread_once_t once = PTHREAD_ONCE_INIT;
+
+void Build_fini(void) {
+        SSLStop();
+        Thread_fini();
+}
+
+void init(void) {
+        Arena_init();
+        Exception_init();
+        Thread_init();
+        Container_Concurrency = OS_concurrency();
+        SSLStart();
+        if (atexit(Build_fini) != 0)
+                Error_error("%s: Cannot push cleanup routine to atexit() -- %s\n", Container_Name,
+                            System_getLastError());
+}
+
+}  // namespace
+
+void Build_init(void) {
+        pthread_once(&once, init);
+}
+
+Build_T Build_new(void) {
+        Build_init();
+        Build_T B;
+        NEW0(B);
+        Config_init();
+        B->engine = Engine_new();
+        B->service = Service_new();
+        Engine_setService(B->engine, B->service);
+        Service_setEngine(B->service, B->engine);
+        buildseam::realm();
+        Reactor_getInstance();
+        FileCache_getInstance();
+        return B;
+}
+
+Build_T Build_parse(const char* containerHome, const char* server_xml) {
+        assert(containerHome);
+        assert(server_xml);
+        ParseState a = {};
+        XMLParser_T parser = nullptr;
+        TRY
+                a.B = Build_new();
+                copyField(a.parsedHome, containerHome);
+                // A file URL needs an absolute path: a relative one would read as a host.
+                char absolute[kPath + 1];
+                const char* path = server_xml;
+                if (!File_isPathAbsolute(server_xml) && File_getRealPath(server_xml, absolute))
+                        path = absolute;
+                parser = XMLParser_new(URL_create("file://%s", path), &a);
+                XMLParser_setErrorHandler(parser, saxError);
+                XMLParser_setEndElementHandler(parser, saxEndElement);
+                XMLParser_setEndDocumentHandler(parser, saxEndDocument);
+                XMLParser_setStartElementHandler(parser, saxStartElement);
+                XMLParser_setStartDocumentHandler(parser, saxStartDocument);
+                XMLParser_parse(parser);
+        ELSE
+                int line = parser ? XMLParser_getCurrentLine(parser) : 0;
+                if (parser)
+                        XMLParser_free(&parser);
+                release(&a.B, &a);
+                THROW(AssertException, "%s -- in '%s' near line %d", Exception_frame.message, server_xml,
+                      line);
+        END_TRY;
+        XMLParser_free(&parser);
+        Build_T B = a.B;
+        TRY
+                if (*a.defaultHost) {
+                        Error_debug("Setting Host '%s' as default Host\n", a.defaultHost);
+                        Host_T host = Engine_findHost(B->engine, a.defaultHost);
+                        if (!host)
+                                THROW(AssertException, "Unknown Default Host '%s'", a.defaultHost);
+                        Engine_setDefaultHost(B->engine, host);
+                }
+                // The home given, not the control file's directory, holds the default descriptor.
+                char webXml[kPath + 1];
+                snprintf(webXml, sizeof webXml, "%s%s%s%s%s", containerHome, SEPARATOR, "conf", SEPARATOR,
+                         "web.xml");
+                if (File_existFile(webXml))
+                        Config_parseDeploy(webXml);
+                else
+                        Error_debug("Warning: default Deployment Descriptor not found in '%s'\n", webXml);
+        ELSE
+                release(&a.B, &a);
+                RETHROW;
+        END_TRY;
+        return B;
+}
+
+void Build_start(Build_T B) {
+        assert(B);
+        checkDefaults(B);
+        Engine_start(B->engine);
+        if (Container_Standalone)
+                Error_error("%s %s started\n", Container_Name, Container_Version);
+        Reactor_start(Reactor_getInstance());
+}
+
+void Build_stop(Build_T B) {
+        assert(B);
+        Error_error("%s %s is shutting down.. (please wait)\n", Container_Name, Container_Version);
+        Engine_stop(B->engine);
+        Reactor_stop(Reactor_getInstance());
+}
+
+void Build_free(Build_T* B) {
+        assert(B && *B);
+        Config_destroy();
+        Engine_free(&(*B)->engine);
+        FREE(*B);
+        FileCache_free();
+        buildseam::realmFree();
+        Error_destroy();
+        Reactor_free();
+        // After Error_destroy: the line reaches standard error, never the error log.
+        Error_error("%s %s stopped\n", Container_Name, Container_Version);
+}
+
+Host_T Build_findHost(Build_T B, const char* name) {
+        assert(B);
+        return Engine_findHost(B->engine, name);
+}
+
+Host_T Build_defaultHost(Build_T B) {
+        assert(B);
+        Host_T host = Engine_getDefaultHost(B->engine);
+        if (!host)
+                THROW(AssertException, "The Default Host is not defined");
+        return host;
+}
+
+List_T Build_connectors(Build_T B) {
+        assert(B);
+        return Service_getConnectors(B->service);
+}
+
+Realm_T Build_realm(Build_T B) {
+        assert(B);
+        return buildseam::realm();
+}
