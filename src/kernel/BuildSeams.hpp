@@ -1,14 +1,13 @@
 // What the configuration asks of modules that live elsewhere: the HTTP connector, the
 // session manager and the Realm with its database pool.
 //
-// Each body is what a server without that module does. Without the connector module a
-// <Connector> is checked attribute by attribute and then dropped, so the server listens
-// nowhere. Without sessions a maxActiveSessions above 0 leaves the Context without a
-// manager. Without the Realm there is no database library, so no protocol is supported
-// and a <Realm> stops the start-up with "Database protocol '%s' not supported in
-// <Realm>"; a server without a <Realm> lets every request through. When a module arrives
-// its calls replace the bodies one for one (named above each); the callers stay as they
-// are. The connector's own header is taken as soon as it exists.
+// The connector calls are the real ones. For the modules not there yet each body is what a
+// server without them does: without sessions a maxActiveSessions above 0 leaves the
+// Context without a manager; without the Realm there is no database library, so no
+// protocol is supported and a <Realm> stops the start-up with "Database protocol '%s' not
+// supported in <Realm>"; a server without a <Realm> lets every request through. When a
+// module arrives its calls replace the bodies one for one (named above each); the callers
+// stay as they are.
 #pragma once
 
 #include <vesk/Build.h>
@@ -16,14 +15,10 @@
 #include <vesk/Service.h>
 #include <vesk/URL.h>
 
-#if __has_include(<vesk/HttpConnector.h>)
 #include <vesk/HttpConnector.h>
-#define VESK_BUILD_HAS_CONNECTOR 1
-#endif
 
 namespace buildseam {
 
-#ifdef VESK_BUILD_HAS_CONNECTOR
 inline HttpConnector_T connectorNew() {
         return HttpConnector_new();
 }
@@ -50,38 +45,6 @@ inline void (*const setContentLengthBufferLimit)(HttpConnector_T,
 inline void (*const setProxyScheme)(HttpConnector_T, const char*) = HttpConnector_setProxyScheme;
 inline void (*const setProxyName)(HttpConnector_T, const char*) = HttpConnector_setProxyName;
 inline void (*const setProxyPort)(HttpConnector_T, int) = HttpConnector_setProxyPort;
-#else
-// HttpConnector_new.
-inline HttpConnector_T connectorNew() {
-        return nullptr;
-}
-// HttpConnector_free.
-inline void connectorFree(HttpConnector_T* connector) {
-        *connector = nullptr;
-}
-// Service_addConnector, which takes only a real connector.
-inline void serviceAddConnector(Service_T service, HttpConnector_T connector) {
-        (void)service;
-        (void)connector;
-}
-// HttpConnector_set<Attribute>: the value has been checked; there is nothing to keep it.
-inline void dropNumber(HttpConnector_T, int) {}
-inline void dropText(HttpConnector_T, const char*) {}
-inline void (*const setEnableLookups)(HttpConnector_T, int) = dropNumber;
-inline void (*const setRedirectPort)(HttpConnector_T, int) = dropNumber;
-inline void (*const setSecure)(HttpConnector_T, int) = dropNumber;
-inline void (*const setIPVersion)(HttpConnector_T, int) = dropNumber;
-inline void (*const setBindAddress)(HttpConnector_T, const char*) = dropText;
-inline void (*const setConnectionTimeout)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProcessorThreads)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProcessorTimeout)(HttpConnector_T, int) = dropNumber;
-inline void (*const setPort)(HttpConnector_T, int) = dropNumber;
-inline void (*const setContentLengthLimit)(HttpConnector_T, int) = dropNumber;
-inline void (*const setContentLengthBufferLimit)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProxyScheme)(HttpConnector_T, const char*) = dropText;
-inline void (*const setProxyName)(HttpConnector_T, const char*) = dropText;
-inline void (*const setProxyPort)(HttpConnector_T, int) = dropNumber;
-#endif
 
 // SessionManager_setMaxActiveSessions(Context_getSessionManager(context), max).
 inline void sessionManagerSetMaxActiveSessions(SessionManager_T manager, int max) {

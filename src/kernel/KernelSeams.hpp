@@ -2,18 +2,20 @@
 // sessions, authentication and principals, the built-in content servlets, the default
 // deployment descriptor and the request-arena thread key.
 //
-// Each body is what a server without that module does: with no connector module there
-// are no connectors to start or free; a Context without a session manager has no
-// sessions; without a realm every request passes authentication and no principal has a
-// role; until the content servlets exist the built-in servlets answer 404; without the
-// default descriptor there are no server-wide MIME types or welcome files; with no
-// request bound to the thread, real paths go to a per-thread buffer. When a module
-// arrives its call replaces the body (named above each), and the callers stay as they are.
+// Where a module is not there yet, the body is what a server without it does: a Context
+// without a session manager has no sessions; without a realm every request passes
+// authentication and no principal has a role; until the content servlets exist the
+// built-in servlets answer 404; with no request bound to the thread, real paths go to a
+// per-thread buffer. When a module arrives its call replaces the body (named above each),
+// and the callers stay as they are.
 #pragma once
 
 #include <limits.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Build.h>
+#include <vesk/Config.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/List.h>
@@ -22,25 +24,20 @@
 
 namespace kernelseam {
 
-// HttpConnector_setEngine.
 inline void connectorSetEngine(HttpConnector_T connector, Engine_T engine) {
-        (void)connector;
-        (void)engine;
+        HttpConnector_setEngine(connector, engine);
 }
 
-// HttpConnector_start.
 inline void connectorStart(HttpConnector_T connector) {
-        (void)connector;
+        HttpConnector_start(connector);
 }
 
-// HttpConnector_stop.
 inline void connectorStop(HttpConnector_T connector) {
-        (void)connector;
+        HttpConnector_stop(connector);
 }
 
-// HttpConnector_free.
 inline void connectorFree(HttpConnector_T* connector) {
-        *connector = nullptr;
+        HttpConnector_free(connector);
 }
 
 // SessionManager_new(arena, context); NULL leaves the Context without sessions.
@@ -135,21 +132,16 @@ inline void createServerPageServlet(Wrapper_T servlet) {
         Wrapper_setDoPost(servlet, notYetServed);
 }
 
-// Config_getMimeType.
 inline const char* configMimeType(const char* path) {
-        (void)path;
-        return nullptr;
+        return Config_getMimeType(path);
 }
 
-// Config_getWelcomeFiles.
 inline List_T configWelcomeFiles() {
-        static struct List_S empty = {};
-        return &empty;
+        return Config_getWelcomeFiles();
 }
 
-// pthread_getspecific(Request_Arena).
 inline Arena_T requestArena() {
-        return nullptr;
+        return static_cast<Arena_T>(pthread_getspecific(Request_Arena));
 }
 
 // Where a real path is kept when no request arena is bound to the thread.
