@@ -3,12 +3,11 @@
 // the file cache and the request-arena thread key.
 //
 // A connection without a connector (a bare socket pair) gets the default limits and the
-// plain scheme. Every other body here is what a server without that module does: no context gives
-// no session manager, no error page, no dispatch and the default MIME type, no session or principal
-// means none is ever found, and no file cache means a response never holds a mapped file. When a
-// module arrives, its calls replace the bodies one for one (named in each comment); the
-// callers stay as they are. The body store maps its temporary file here directly until
-// File_map exists.
+// plain scheme, and a request without a context has no session manager, no error page, no
+// dispatch and the default MIME type. The session and principal bodies are what a server
+// without them does: none is ever found. When those modules arrive, their calls replace the
+// bodies one for one (named in each comment); the callers stay as they are. The body store
+// maps its temporary file here directly.
 #pragma once
 
 #include <errno.h>
@@ -18,6 +17,11 @@
 #include <unistd.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Context.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
+#include <vesk/RequestDispatcher.h>
+#include <vesk/ServletContext.h>
 #include <vesk/Build.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
@@ -45,56 +49,43 @@ inline const char* KernelSeam_proxyScheme(HttpConnector_T connector) {
 
 // Context_getSessionManager.
 inline SessionManager_T KernelSeam_sessionManager(Context_T context) {
-        (void)context;
-        return nullptr;
+        return context ? Context_getSessionManager(context) : nullptr;
 }
 
 // Context_getServletContext.
 inline ServletContext_T KernelSeam_servletContext(Context_T context) {
-        (void)context;
-        return nullptr;
+        return context ? Context_getServletContext(context) : nullptr;
 }
 
 // Context_getContextPath.
 inline const char* KernelSeam_contextPath(Context_T context) {
-        (void)context;
-        return "";
+        return context ? Context_getContextPath(context) : "";
 }
 
 // Context_getErrorPage: the error page for status, or NULL.
 inline const char* KernelSeam_errorPage(Context_T context, int status) {
-        (void)context;
-        (void)status;
-        return nullptr;
+        return context ? Context_getErrorPage(context, status) : nullptr;
 }
 
 // Context_dispatch: maps request to a servlet of context; false when none takes it.
 inline int KernelSeam_dispatch(Context_T context, HttpRequest_T request) {
-        (void)context;
-        (void)request;
-        return 0;
+        return context && Context_dispatch(context, request) != nullptr;
 }
 
 // RequestDispatcher_new.
 inline RequestDispatcher_T KernelSeam_newRequestDispatcher(HttpRequest_T request,
                                                            HttpRequest_T target) {
-        (void)request;
-        (void)target;
-        return nullptr;
+        return RequestDispatcher_new(request, target);
 }
 
 // ServletContext_getRealPath.
 inline const char* KernelSeam_realPath(ServletContext_T context, const char* path) {
-        (void)context;
-        (void)path;
-        return nullptr;
+        return context ? ServletContext_getRealPath(context, path) : nullptr;
 }
 
 // ServletContext_getMimeType.
 inline const char* KernelSeam_mimeType(ServletContext_T context, const char* path) {
-        (void)context;
-        (void)path;
-        return "application/octet-stream";
+        return context ? ServletContext_getMimeType(context, path) : "application/octet-stream";
 }
 
 // SessionManager_findSession.
@@ -191,19 +182,17 @@ inline void KernelSeam_writeErrorPage(ServerPage_T page, int status, const char*
 
 // FileCache_return(FileCache_getInstance(), map).
 inline void KernelSeam_returnFileMap(FileMap_T map) {
-        (void)map;
+        FileCache_return(FileCache_getInstance(), map);
 }
 
 // The mapped file's size.
 inline long long KernelSeam_fileMapSize(FileMap_T map) {
-        (void)map;
-        return 0;
+        return FileMap_getSize(map);
 }
 
 // The mapped file's path.
 inline const char* KernelSeam_fileMapPath(FileMap_T map) {
-        (void)map;
-        return nullptr;
+        return File_getPath(FileMap_getFile(map));
 }
 
 // A writable shared mapping of a body file: File_map(file, "r+").
