@@ -33,6 +33,16 @@ int main(void) {
         CHECK(p == NULL);
         CHECK(strcmp(AssertException.name, "AssertException") == 0);
         /* @checks@ */
+        {
+                HttpConnector_T connector = HttpConnector_new();
+                HttpConnector_setSecure(connector, 1);
+                HttpConnector_setConnectionTimeout(connector, 5);
+                CHECK(strcmp(HttpConnector_getScheme(connector), "https") == 0);
+                CHECK(HttpConnector_getConnectionTimeout(connector) == 5);
+                HttpConnector_free(&connector);
+                CHECK(connector == NULL);
+                Reactor_free();
+        }
         Command_T cmd = Command_new();
         Command_vSetEnv(cmd, "A=%d;B=two", 1);
         CHECK(strcmp(Command_getEnv(cmd, "A"), "1") == 0 &&
