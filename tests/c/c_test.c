@@ -41,6 +41,16 @@ int main(void) {
         CHECK(List_length(Config_getWelcomeFiles()) == 1 &&
               strcmp((const char*)Config_getWelcomeFiles()->head->e, "index.html") == 0);
         Config_destroy();
+        {
+                HttpConnector_T connector = HttpConnector_new();
+                HttpConnector_setSecure(connector, 1);
+                HttpConnector_setConnectionTimeout(connector, 5);
+                CHECK(strcmp(HttpConnector_getScheme(connector), "https") == 0);
+                CHECK(HttpConnector_getConnectionTimeout(connector) == 5);
+                HttpConnector_free(&connector);
+                CHECK(connector == NULL);
+                Reactor_free();
+        }
         Command_T cmd = Command_new();
         Command_vSetEnv(cmd, "A=%d;B=two", 1);
         CHECK(strcmp(Command_getEnv(cmd, "A"), "1") == 0 &&
