@@ -14,6 +14,7 @@
 /* @modules@ */
 #include <vesk/Build.h>
 #include <vesk/Config.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>
 #include <vesk/Host.h>
