@@ -1,87 +1,18 @@
-// What the configuration asks of modules that live elsewhere: the HTTP connector, the
-// session manager and the Realm with its database pool.
+// What the configuration asks of modules that live elsewhere: the session manager and the
+// Realm with its database pool.
 //
-// Each body is what a server without that module does. Without the connector module a
-// <Connector> is checked attribute by attribute and then dropped, so the server listens
-// nowhere. Without sessions a maxActiveSessions above 0 leaves the Context without a
-// manager. Without the Realm there is no database library, so no protocol is supported
-// and a <Realm> stops the start-up with "Database protocol '%s' not supported in
-// <Realm>"; a server without a <Realm> lets every request through. When a module arrives
-// its calls replace the bodies one for one (named above each); the callers stay as they
-// are. The connector's own header is taken as soon as it exists.
+// Each body is what a server without that module does. Without sessions a maxActiveSessions above 0
+// leaves the Context without a manager. Without the Realm there is no database library, so no
+// protocol is supported and a <Realm> stops the start-up with "Database protocol '%s' not supported
+// in <Realm>"; a server without a <Realm> lets every request through. When a module arrives its
+// calls replace the bodies one for one (named above each); the callers stay as they are.
 #pragma once
 
 #include <vesk/Build.h>
 #include <vesk/HttpRequest.h>
-#include <vesk/Service.h>
 #include <vesk/URL.h>
 
-#if __has_include(<vesk/HttpConnector.h>)
-#include <vesk/HttpConnector.h>
-#define VESK_BUILD_HAS_CONNECTOR 1
-#endif
-
 namespace buildseam {
-
-#ifdef VESK_BUILD_HAS_CONNECTOR
-inline HttpConnector_T connectorNew() {
-        return HttpConnector_new();
-}
-inline void connectorFree(HttpConnector_T* connector) {
-        HttpConnector_free(connector);
-}
-inline void serviceAddConnector(Service_T service, HttpConnector_T connector) {
-        Service_addConnector(service, connector);
-}
-inline void (*const setEnableLookups)(HttpConnector_T, int) = HttpConnector_setEnableLookups;
-inline void (*const setRedirectPort)(HttpConnector_T, int) = HttpConnector_setRedirectPort;
-inline void (*const setSecure)(HttpConnector_T, int) = HttpConnector_setSecure;
-inline void (*const setIPVersion)(HttpConnector_T, int) = HttpConnector_setIPVersion;
-inline void (*const setBindAddress)(HttpConnector_T, const char*) = HttpConnector_setBindAddress;
-inline void (*const setConnectionTimeout)(HttpConnector_T,
-                                          int) = HttpConnector_setConnectionTimeout;
-inline void (*const setProcessorThreads)(HttpConnector_T, int) = HttpConnector_setProcessorThreads;
-inline void (*const setProcessorTimeout)(HttpConnector_T, int) = HttpConnector_setProcessorTimeout;
-inline void (*const setPort)(HttpConnector_T, int) = HttpConnector_setPort;
-inline void (*const setContentLengthLimit)(HttpConnector_T,
-                                           int) = HttpConnector_setContentLengthLimit;
-inline void (*const setContentLengthBufferLimit)(HttpConnector_T,
-                                                 int) = HttpConnector_setContentLengthBufferLimit;
-inline void (*const setProxyScheme)(HttpConnector_T, const char*) = HttpConnector_setProxyScheme;
-inline void (*const setProxyName)(HttpConnector_T, const char*) = HttpConnector_setProxyName;
-inline void (*const setProxyPort)(HttpConnector_T, int) = HttpConnector_setProxyPort;
-#else
-// HttpConnector_new.
-inline HttpConnector_T connectorNew() {
-        return nullptr;
-}
-// HttpConnector_free.
-inline void connectorFree(HttpConnector_T* connector) {
-        *connector = nullptr;
-}
-// Service_addConnector, which takes only a real connector.
-inline void serviceAddConnector(Service_T service, HttpConnector_T connector) {
-        (void)service;
-        (void)connector;
-}
-// HttpConnector_set<Attribute>: the value has been checked; there is nothing to keep it.
-inline void dropNumber(HttpConnector_T, int) {}
-inline void dropText(HttpConnector_T, const char*) {}
-inline void (*const setEnableLookups)(HttpConnector_T, int) = dropNumber;
-inline void (*const setRedirectPort)(HttpConnector_T, int) = dropNumber;
-inline void (*const setSecure)(HttpConnector_T, int) = dropNumber;
-inline void (*const setIPVersion)(HttpConnector_T, int) = dropNumber;
-inline void (*const setBindAddress)(HttpConnector_T, const char*) = dropText;
-inline void (*const setConnectionTimeout)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProcessorThreads)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProcessorTimeout)(HttpConnector_T, int) = dropNumber;
-inline void (*const setPort)(HttpConnector_T, int) = dropNumber;
-inline void (*const setContentLengthLimit)(HttpConnector_T, int) = dropNumber;
-inline void (*const setContentLengthBufferLimit)(HttpConnector_T, int) = dropNumber;
-inline void (*const setProxyScheme)(HttpConnector_T, const char*) = dropText;
-inline void (*const setProxyName)(HttpConnector_T, const char*) = dropText;
-inline void (*const setProxyPort)(HttpConnector_T, int) = dropNumber;
-#endif
 
 // SessionManager_setMaxActiveSessions(Context_getSessionManager(context), max).
 inline void sessionManagerSetMaxActiveSessions(SessionManager_T manager, int max) {

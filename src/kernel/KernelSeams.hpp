@@ -14,6 +14,7 @@
 #include <limits.h>
 
 #include <vesk/Arena.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/List.h>
@@ -24,23 +25,22 @@ namespace kernelseam {
 
 // HttpConnector_setEngine.
 inline void connectorSetEngine(HttpConnector_T connector, Engine_T engine) {
-        (void)connector;
-        (void)engine;
+        HttpConnector_setEngine(connector, engine);
 }
 
 // HttpConnector_start.
 inline void connectorStart(HttpConnector_T connector) {
-        (void)connector;
+        HttpConnector_start(connector);
 }
 
 // HttpConnector_stop.
 inline void connectorStop(HttpConnector_T connector) {
-        (void)connector;
+        HttpConnector_stop(connector);
 }
 
 // HttpConnector_free.
 inline void connectorFree(HttpConnector_T* connector) {
-        *connector = nullptr;
+        HttpConnector_free(connector);
 }
 
 // SessionManager_new(arena, context); NULL leaves the Context without sessions.
