@@ -18,7 +18,7 @@ int doGet(HttpRequest_T req, HttpResponse_T res) {
         int count = visits && Cookie_getValue(visits) ? atoi(Cookie_getValue(visits)) + 1 : 1;
         char text[16];
         snprintf(text, sizeof text, "%d", count);
-        Cookie_T cookie = Cookie_new("visits", text);
+        Cookie_T cookie = Cookie_alloc(HttpRequest_getArena(req), "visits", text);
         Cookie_setPath(cookie, HttpRequest_getContextPath(req));
         HttpResponse_addCookie(res, cookie);
         HttpResponse_setHeader(res, "X-Served-By", "%s", "hello.c");

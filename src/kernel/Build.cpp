@@ -15,6 +15,7 @@
 #include <vesk/File.h>
 #include <vesk/FileCache.h>
 #include <vesk/Host.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/Logger.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
@@ -138,38 +139,38 @@ void checkLicense(const char** attributes, const char* key) {
         Error_debug("Licensed to '%s'\n", owner);
 }
 
-// The Connector attributes in their setters' terms; a number keeps its low 32 bits.
+// The Connector's number attributes and their setters; a number keeps its low 32 bits.
 struct NumberAttribute {
         const char* name;
-        void (*const* set)(HttpConnector_T, int);
+        void (*set)(HttpConnector_T, int);
 };
 constexpr NumberAttribute kNumberAttributes[] = {
-    {"redirectPort", &buildseam::setRedirectPort},
-    {"ipversion", &buildseam::setIPVersion},
-    {"connectionTimeout", &buildseam::setConnectionTimeout},
-    {"processors", &buildseam::setProcessorThreads},
-    {"processorTimeout", &buildseam::setProcessorTimeout},
-    {"port", &buildseam::setPort},
-    {"contentLengthLimit", &buildseam::setContentLengthLimit},
-    {"contentLengthBufferLimit", &buildseam::setContentLengthBufferLimit},
-    {"proxyPort", &buildseam::setProxyPort},
+    {"redirectPort", HttpConnector_setRedirectPort},
+    {"ipversion", HttpConnector_setIPVersion},
+    {"connectionTimeout", HttpConnector_setConnectionTimeout},
+    {"processors", HttpConnector_setProcessorThreads},
+    {"processorTimeout", HttpConnector_setProcessorTimeout},
+    {"port", HttpConnector_setPort},
+    {"contentLengthLimit", HttpConnector_setContentLengthLimit},
+    {"contentLengthBufferLimit", HttpConnector_setContentLengthBufferLimit},
+    {"proxyPort", HttpConnector_setProxyPort},
 };
 
 void setConnectorAttribute(HttpConnector_T connector, const char* name, const char* value) {
         if (Str_isEqual(name, "enableLookups")) {
-                buildseam::setEnableLookups(connector, isTrue(value));
+                HttpConnector_setEnableLookups(connector, isTrue(value));
                 return;
         }
         if (Str_isEqual(name, "Secure")) {
-                buildseam::setSecure(connector, isTrue(value));
+                HttpConnector_setSecure(connector, isTrue(value));
                 return;
         }
         if (Str_isEqual(name, "address")) {
-                buildseam::setBindAddress(connector, value);
+                HttpConnector_setBindAddress(connector, value);
                 return;
         }
         if (Str_isEqual(name, "proxyName")) {
-                buildseam::setProxyName(connector, value);
+                HttpConnector_setProxyName(connector, value);
                 return;
         }
         if (Str_isEqual(name, "proxyScheme")) {
@@ -178,17 +179,17 @@ void setConnectorAttribute(HttpConnector_T connector, const char* name, const ch
                 Str_toLower(scheme);
                 if (!Str_match("http$|https$", scheme))
                         Error_warn("Warning: Scheme should be http or https, not '%s'\n", scheme);
-                buildseam::setProxyScheme(connector, scheme);
+                HttpConnector_setProxyScheme(connector, scheme);
                 return;
         }
         for (const NumberAttribute& attribute : kNumberAttributes) {
                 if (Str_isEqual(name, attribute.name)) {
                         int n = static_cast<int>(
                             static_cast<uint32_t>(checkNumberAttribute("Connector", name, value)));
-                        if (attribute.set == &buildseam::setIPVersion && n != 4 && n != 6)
+                        if (attribute.set == HttpConnector_setIPVersion && n != 4 && n != 6)
                                 THROW(AssertException,
                                       "Configure parameter(%s): Invalid IP-version (%d)", name, n);
-                        (*attribute.set)(connector, n);
+                        attribute.set(connector, n);
                         return;
                 }
         }
@@ -196,12 +197,12 @@ void setConnectorAttribute(HttpConnector_T connector, const char* name, const ch
 }
 
 void setConnector(const char** attributes, ParseState* a) {
-        a->connector = buildseam::connectorNew();
+        a->connector = HttpConnector_new();
         for (int i = 0; attributes[i]; i += 2)
                 setConnectorAttribute(a->connector, attributes[i], attributes[i + 1]);
         HttpConnector_T connector = a->connector;
         a->connector = nullptr;
-        buildseam::serviceAddConnector(a->B->service, connector);
+        Service_addConnector(a->B->service, connector);
 }
 
 void saxAddEngine(const char** attributes, ParseState* a) {
@@ -575,7 +576,7 @@ void saxError(const char* message, void*) {
 // a launcher that reports and retries) keeps no half-built server.
 void release(Build_T* B, ParseState* a) {
         if (a->connector)
-                buildseam::connectorFree(&a->connector);
+                HttpConnector_free(&a->connector);
         if (a->context)
                 Context_free(&a->context);
         if (a->host)
