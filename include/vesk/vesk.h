@@ -12,6 +12,19 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/Service.h>
+#include <vesk/Engine.h>
+#include <vesk/Host.h>
+#include <vesk/Context.h>
+#include <vesk/RequestDispatcher.h>
+#include <vesk/Wrapper.h>
+#include <vesk/Loader.h>
+#include <vesk/Dso.h>
+#include <vesk/ServletConfig.h>
+#include <vesk/ServletContext.h>
+#include <vesk/SecurityCollection.h>
+#include <vesk/SecurityConstraint.h>
+#include <vesk/LoginConfig.h>
 #include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>
@@ -20,8 +33,6 @@
 #include <vesk/Command.h>
 #include <vesk/Process.h>
 #include <vesk/XMLParser.h>
-#include <vesk/OS.h>
-#include <vesk/Logger.h>
 #include <vesk/URLConnection.h>
 #include <vesk/URL.h>
 #include <vesk/SSL.h>
