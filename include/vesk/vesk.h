@@ -12,6 +12,7 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/HttpConnector.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>
 #include <vesk/Host.h>

@@ -2,10 +2,10 @@
 // them: the connector's settings, the context, sessions and principals, server pages,
 // the file cache and the request-arena thread key.
 //
-// Each body here is what a server without that module does: no connector gives the
-// default limits and the plain scheme, no context gives no session manager, no error
-// page, no dispatch and the default MIME type, no session or principal means none is
-// ever found, and no file cache means a response never holds a mapped file. When a
+// A connection without a connector (a bare socket pair) gets the default limits and the
+// plain scheme. Every other body here is what a server without that module does: no context gives
+// no session manager, no error page, no dispatch and the default MIME type, no session or principal
+// means none is ever found, and no file cache means a response never holds a mapped file. When a
 // module arrives, its calls replace the bodies one for one (named in each comment); the
 // callers stay as they are. The body store maps its temporary file here directly until
 // File_map exists.
@@ -18,6 +18,7 @@
 #include <unistd.h>
 
 #include <vesk/Arena.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 
@@ -26,22 +27,19 @@ inline Arena_T KernelSeam_requestArena() {
         return nullptr;
 }
 
-// HttpConnector_getContentLengthLimit.
+// The connector's body limit; a connection without a connector has the default one.
 inline long KernelSeam_contentLengthLimit(HttpConnector_T connector) {
-        (void)connector;
-        return 51200000;
+        return connector ? HttpConnector_getContentLengthLimit(connector) : 51200000;
 }
 
-// HttpConnector_getScheme.
+// The connector's scheme; "http" without a connector.
 inline const char* KernelSeam_connectorScheme(HttpConnector_T connector) {
-        (void)connector;
-        return "http";
+        return connector ? HttpConnector_getScheme(connector) : "http";
 }
 
-// HttpConnector_getProxyScheme.
+// The connector's proxy scheme, or NULL.
 inline const char* KernelSeam_proxyScheme(HttpConnector_T connector) {
-        (void)connector;
-        return nullptr;
+        return connector ? HttpConnector_getProxyScheme(connector) : nullptr;
 }
 
 // Context_getSessionManager.

@@ -1,0 +1,801 @@
+#include <errno.h>
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <vesk/Context.h>
+#include <vesk/Dispatcher.h>
+#include <vesk/Engine.h>
+#include <vesk/Error.h>
+#include <vesk/Exception.h>
+#include <vesk/Host.h>
+#include <vesk/HttpConnector.h>
+#include <vesk/HttpLexer.h>
+#include <vesk/HttpRequest.h>
+#include <vesk/HttpResponse.h>
+#include <vesk/HttpStore.h>
+#include <vesk/InetAddress.h>
+#include <vesk/InputStream.h>
+#include <vesk/Logger.h>
+#include <vesk/Mem.h>
+#include <vesk/Net.h>
+#include <vesk/OutputStream.h>
+#include <vesk/Reactor.h>
+#include <vesk/SSL.h>
+#include <vesk/ServerSocket.h>
+#include <vesk/Str.h>
+#include <vesk/System.h>
+#include <vesk/Time.h>
+#include <vesk/assert.h>
+
+#include "http/ConnectorSeam.hpp"
+
+struct HttpConnector_S {
+        int port;
+        int secure;
+        int ipVersion;
+        char* bindAddress;
+        int proxyPort;
+        char* proxyName;
+        char* proxyScheme;
+        int redirectPort;
+        int enableLookups;
+        const char* scheme;
+        int processorThreads;
+        int processorTimeout;
+        int connectionTimeout;  // milliseconds
+        int contentLengthLimit;
+        int contentLengthBufferLimit;
+        Engine_T engine;
+        Reactor_T reactor;
+        Dispatcher_T dispatcher;
+        ServerSocket_T serverSocket;
+        EventHandler_T acceptHandler;
+        EventHandler_T responseHandler;
+        int responsePipe[2];  // read end, then write end
+        int connections;      // accepted and not yet closed; touched on the Reactor thread only
+};
+
+namespace {
+
+// A connection may serve this many requests; until the first, its counter still says so.
+constexpr int kKeepAliveRequests = 100;
+// Each read that brings no complete head costs the connection this much of its budget.
+constexpr int kHeadReadCost = 1000;
+constexpr int kReadSize = 4096;
+
+const char* remote(InetAddress_T inet) {
+        return InetAddress_getRemoteHostAddress(inet);
+}
+
+// Every connection of the connector ends here, orderly or with a reset.
+void closeConnection(InetAddress_T inet, bool reset) {
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (H)
+                H->connections--;
+        if (reset)
+                InetAddress_abort(&inet);
+        else
+                InetAddress_free(&inet);
+}
+
+void _readRequest(EventHandler_T handler, int revents);
+void _handlePostData(EventHandler_T handler, int revents);
+void s_endResponse(EventHandler_T handler, int revents);
+
+// The last resort when no HttpResponse can be used: a complete error page written
+// straight to the socket, flushed once, and the connection closed.
+void _sendError(InetAddress_T inet, int status, const char* format, ...) VESK_PRINTF(3, 4);
+void _sendError(InetAddress_T inet, int status, const char* format, ...) {
+        const char* reason = HttpResponse_status(status);
+        OutputStream_T out = InetAddress_getOutputStream(inet);
+        // The page carries its own head: flushing must not commit a response object.
+        OutputStream_setResponse(out, nullptr);
+        char date[30];
+        Time_gmtstring(Time_now(), date);
+        char* message = nullptr;
+        if (format) {
+                va_list ap;
+                va_start(ap, format);
+                message = Str_vcat(format, ap);
+                va_end(ap);
+        }
+        const char* text = message ? message : "";
+        OutputStream_print(out,
+                           "HTTP/1.1 %d %s\r\nDate: %s\r\nConnection: close\r\nServer: "
+                           "Vesk/2.0\r\nContent-Type: text/html\r\n\r\n<html>\r\n<head><title>%d "
+                           "%s</title></head>\r\n<body bgcolor=\"white\">\r\n<h2>%s</h2>%s\r\n<hr>"
+                           "Vesk/2.0\r\n</body>\r\n</html>\r\n",
+                           status, reason, date, status, reason, reason, text);
+        OutputStream_flush(out);
+        Error_error("[client %s] HTTP %d %s %s\n", remote(inet), status, reason, text);
+        FREE(message);
+        closeConnection(inet, false);
+}
+
+// Hands a complete request to a processor thread; the connection has no watcher until the
+// answer comes back through the pipe.
+void dispatch(HttpConnector_T H, InetAddress_T inet, HttpRequest_T request) {
+        if (!Dispatcher_add(H->dispatcher, request))
+                _sendError(inet, 500, "Could not add request to Dispatcher");
+}
+
+/* ------------------------------------------------------------- Accepting */
+
+bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet) {
+        const char* local = InetAddress_getLocalHostAddress(inet);
+        // The TLS identity belongs to the Host bound to the interface the client reached.
+        Host_T host = Engine_findHostWithAddress(H->engine, local);
+        if (!host) {
+                Error_error(
+                    "SSL Connector: No host registered to accept secure connection for "
+                    "%s.\nPlease set the attributes; address and certificate for the <Host> in "
+                    "server.xml\nwhich should process SSL requests directed at this interface\n",
+                    local);
+                return false;
+        }
+        bool accepted = false;
+        TRY
+                Host_SSLAccept(host, inet);
+                accepted = true;
+        ELSE
+                Error_debug("%s: Cannot accept secure connection from [%s] %s\n",
+                                 Exception_frame.exception->name, InetAddress_getRemoteHostName(inet),
+                                 Exception_frame.message);
+        END_TRY;
+        return accepted;
+}
+
+// Arms a new connection for its first head; false when the Reactor cannot take it.
+bool admit(HttpConnector_T H, InetAddress_T inet) {
+        EventHandler_T handler = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
+        if (!handler)
+                return false;
+        InetAddress_setEnableLookups(inet, H->enableLookups);
+        InetAddress_setConnector(inet, H);
+        H->connections++;
+        InetAddress_setNonBlocking(inet);
+        EventHandler_setData(handler, inet);
+        EventHandler_setHandler(handler, _readRequest);
+        EventHandler_setTimeout(handler, H->connectionTimeout);
+        return Reactor_registerHandler(H->reactor, handler, Reactor_Read);
+}
+
+// Takes every pending connection in one readiness event.
+void _doAccept(EventHandler_T handler, int revents) {
+        (void)revents;
+        HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
+        for (InetAddress_T inet; (inet = Net_accept(H->serverSocket));) {
+                if (H->secure && !_doSSLAccept(H, inet)) {
+                        InetAddress_abort(&inet);
+                        continue;
+                }
+                if (!admit(H, inet)) {
+                        // A full handler table ends here: the client sees a reset, and the
+                        // connections still pending wait for the next event.
+                        Error_error("Could not register new connection with Reactor -- %s\n",
+                                    System_getLastError());
+                        closeConnection(inet, true);
+                        return;
+                }
+        }
+}
+
+/* --------------------------------------------------------- Reading a request */
+
+void _readRequest(EventHandler_T handler, int revents) {
+        InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (revents != Reactor_Read) {
+                if (revents == Reactor_Timeout) {
+                        // Silence before any request is answered; silence after one is the
+                        // normal end of keep-alive.
+                        if (InetAddress_getKeepAlive(inet) == kKeepAliveRequests) {
+                                _sendError(inet, 408, nullptr);
+                                return;
+                        }
+                } else {
+                        Error_error("Unexpected event [%d] received in _readRequest\n", revents);
+                }
+                closeConnection(inet, true);
+                return;
+        }
+        char* buffer = nullptr;
+        int n = InputStream_hasRequest(InetAddress_getInputStream(inet), &buffer);
+        if (n == -1) {
+                closeConnection(inet, false);
+                return;
+        }
+        if (n == 0) {
+                // Every incomplete read costs a second, however long the client took, so a
+                // client trickling its head gets a bounded number of events. A handler
+                // without a timeout has no budget to spend.
+                int budget = EventHandler_getTimeout(handler);
+                if (budget > 0) {
+                        budget -= kHeadReadCost;
+                        if (budget < 1) {
+                                Error_debug(
+                                    "[client %s] read request timed out -- partial or "
+                                    "no request received\n",
+                                    remote(inet));
+                                closeConnection(inet, true);
+                                return;
+                        }
+                        EventHandler_setTimeout(handler, budget);
+                }
+                if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                        _sendError(inet, 500, "Could not register with Reactor");
+                return;
+        }
+        if (n == -2) {
+                _sendError(inet, 400, "Request too large");
+                return;
+        }
+        HttpRequest_T request = HttpRequest_new(InetAddress_getArena(inet));
+        struct HttpLexer_S parser;
+        memset(&parser, 0, sizeof parser);
+        parser.status = 200;
+        parser.request = request;
+        parser.inet = inet;
+        parser.cursor = buffer;
+        parser.limit = buffer + n;
+        int status = HttpLexer_parse(&parser);
+        if (status != 200) {
+                _sendError(inet, status, "%s", parser.message);
+                return;
+        }
+        Context_T context = Engine_map(H->engine, request);
+        if (!context) {
+                _sendError(inet, 404, "No Context found");
+                return;
+        }
+        // After the mapping, so that the virtual host is chosen from what the client sent.
+        if (H->proxyScheme)
+                HttpRequest_setScheme(request, H->proxyScheme);
+        if (H->proxyName)
+                HttpRequest_setServerName(request, H->proxyName);
+        if (H->proxyPort > 0)
+                HttpRequest_setServerPort(request, H->proxyPort);
+        HttpRequest_setContext(request, context);
+        HttpResponse_setContext(parser.response, context);
+        if (parser.hasBody) {
+                HttpStore_T store = HttpStore_alloc(inet, parser.contentKind, parser.contentLength,
+                                                    H->contentLengthBufferLimit,
+                                                    HttpRequest_getContentEncoding(request));
+                if (!store) {
+                        _sendError(inet, 500, "Cannot process POST data");
+                        return;
+                }
+                EventHandler_setData(handler, store);
+                EventHandler_setHandler(handler, _handlePostData);
+                EventHandler_setTimeout(handler, H->connectionTimeout);
+                // Body bytes may already sit in the input buffer behind the head.
+                _handlePostData(handler, Reactor_Read);
+                return;
+        }
+        dispatch(H, inet, request);
+}
+
+// Ends a body that cannot be read: its store goes first, then the connection.
+void dropBody(HttpStore_T store, InetAddress_T inet) {
+        HttpStore_destroy(store);
+        closeConnection(inet, true);
+}
+
+void _handlePostData(EventHandler_T handler, int revents) {
+        HttpStore_T store = static_cast<HttpStore_T>(EventHandler_getData(handler));
+        InetAddress_T inet = HttpStore_getInetAddress(store);
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (revents == Reactor_Timeout) {
+                Error_error("[client %s] could not read request body -- read timed out\n",
+                            remote(inet));
+                dropBody(store, inet);
+                return;
+        }
+        if (revents != Reactor_Read) {
+                Error_error("Unexpected event [%d] received in _handlePostData\n", revents);
+                dropBody(store, inet);
+                return;
+        }
+        HttpRequest_T request = InetAddress_getRequest(inet);
+        InputStream_T in = InetAddress_getInputStream(inet);
+        long length = HttpRequest_getContentLength(request);
+        char buffer[kReadSize + 1] = {};
+        for (;;) {
+                int n = InputStream_readBytes(in, buffer, kReadSize);
+                if (n < 0) {
+                        Error_error("[client %s] could not read request body -- network error\n",
+                                    remote(inet));
+                        dropBody(store, inet);
+                        return;
+                }
+                if (n == 0 && Inputstream_peerClosed(in)) {
+                        Error_error(
+                            "[client %s] could not read request body -- peer closed "
+                            "connection\n",
+                            remote(inet));
+                        dropBody(store, inet);
+                        return;
+                }
+                if (!HttpStore_write(store, buffer, n)) {
+                        Error_error(
+                            "[client %s] could not process request body -- store write "
+                            "error\n",
+                            remote(inet));
+                        dropBody(store, inet);
+                        return;
+                }
+                // A gzip body is counted by the compressed bytes that arrived.
+                long uploaded = HttpStore_getUploadedDataSize(store);
+                if (uploaded >= length) {
+                        HttpStore_close(store);
+                        HttpRequest_setStore(request, store);
+                        dispatch(H, inet, request);
+                        return;
+                }
+                if (length > uploaded + InputStream_buffered(in)) {
+                        // Each wait for more of the body gets the full timeout again, so a
+                        // client that keeps sending is never timed out.
+                        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
+                                HttpStore_destroy(store);
+                                _sendError(inet, 500, "Could not register with Reactor");
+                        }
+                        return;
+                }
+        }
+}
+
+/* ------------------------------------------------------------- Processing */
+
+// Runs on a processor thread from Dispatcher_add until the pointer is in the pipe.
+void process(HttpRequest_T req, HttpResponse_T response, InetAddress_T inet, Context_T context) {
+        TRY
+                Exception_wrapper(pthread_setspecific((Request_Arena), (HttpRequest_getArena(req))));
+                HttpRequest_parseStore(req);
+                InetAddress_setBlocking(inet);
+                Context_invoke(context, req, response);
+        ELSE
+                const char* name = Exception_frame.exception->name;
+                Error_error("%s: %s raised in %s at %s:%d when processing URL %s\n", name,
+                            Exception_frame.message, Exception_frame.func, Exception_frame.file,
+                            Exception_frame.line, HttpRequest_getRequestURI(req));
+                HttpResponse_sendError(response, 500, "%s: %s. See error log for details", name,
+                                       Exception_frame.message);
+        FINALLY
+                pthread_setspecific(Request_Arena, nullptr);
+                SSLThreadCleanup();
+                HttpResponse_finalize(response);
+                InetAddress_setNonBlocking(inet);
+        END_TRY;
+}
+
+void Processor_Thread(void* item) {
+        HttpRequest_T req = static_cast<HttpRequest_T>(item);
+        HttpConnector_T H = HttpRequest_getConnector(req);
+        InetAddress_T inet = HttpRequest_getInetAddress(req);
+        Context_T context = HttpRequest_getContext(req);
+        HttpResponse_T response = HttpRequest_getResponse(req);
+        // Whatever happened, the connection goes back to the Reactor thread: a raise from
+        // the error page or the finalizing itself is logged, and what is buffered goes out.
+        TRY
+                process(req, response, inet, context);
+        ELSE
+                Error_error("%s: %s raised in %s at %s:%d when ending URL %s\n",
+                                 Exception_frame.exception->name, Exception_frame.message,
+                                 Exception_frame.func, Exception_frame.file, Exception_frame.line,
+                                 HttpRequest_getRequestURI(req));
+        END_TRY;
+        ssize_t n;
+        do
+                n = write(H->responsePipe[1], &inet, sizeof inet);
+        while (n < 0 && errno == EINTR);
+        if (n < 1)
+                Error_debug("Failed writing to Response Pipe\n");
+}
+
+/* ------------------------------------------------------ Ending a response */
+
+void _processResponse(EventHandler_T handler, int revents) {
+        (void)revents;
+        HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
+        InetAddress_T inet = nullptr;
+        // One pointer per event: a write of one pointer to a pipe is atomic, and the
+        // level-triggered watcher fires again while more are waiting.
+        ssize_t n;
+        do
+                n = read(H->responsePipe[0], &inet, sizeof inet);
+        while (n < 0 && errno == EINTR);
+        if (n < 1) {
+                Error_debug("Failed reading from Response Pipe\n");
+                return;
+        }
+        EventHandler_T writer = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
+        if (!writer) {
+                _sendError(inet, 500, "Could not create a new write handler");
+                return;
+        }
+        EventHandler_setData(writer, inet);
+        EventHandler_setHandler(writer, s_endResponse);
+        EventHandler_setTimeout(writer, connectorseam::keepAliveTimeout);
+        if (!Reactor_registerHandler(H->reactor, writer, Reactor_Write))
+                _sendError(inet, 500, "Could not register with Reactor");
+}
+
+// One line in the combined log format, written once the response has gone out in full.
+void accessLog(Logger_T log, InetAddress_T inet, HttpRequest_T req, HttpResponse_T res) {
+        char date[256];
+        Time_fmt(date, sizeof date, "[%d/%b/%Y:%H:%M:%S %z]", Time_now());
+        const char* user = HttpRequest_getRemoteUser(req);
+        const char* referer = HttpRequest_getHeader(req, "Referer");
+        const char* agent = HttpRequest_getHeader(req, "User-Agent");
+        Logger_flog(log, "%s - %s %s \"%s %s %s\" %d %lld \"%s\" \"%s\"\n",
+                    InetAddress_getRemoteHostName(inet), user ? user : "-", date,
+                    HttpRequest_getMethod(req), HttpRequest_getRequestURI(req),
+                    HttpRequest_getProtocol(req), HttpResponse_getStatus(res),
+                    HttpResponse_getBytesWritten(res), referer ? referer : "-",
+                    agent ? agent : "-");
+}
+
+void s_endResponse(EventHandler_T handler, int revents) {
+        InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (revents == Reactor_Write) {
+                OutputStream_T out = InetAddress_getOutputStream(inet);
+                if (OutputStream_flush(out) < 0) {
+                        Error_debug(
+                            "[client %s] could not send full response -- connection "
+                            "was closed\n",
+                            remote(inet));
+                        closeConnection(inet, true);
+                        return;
+                }
+                if (OutputStream_buffered(out) != 0) {
+                        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Write))
+                                _sendError(inet, 500, "Could not register with Reactor");
+                        return;
+                }
+        } else {
+                if (revents == Reactor_Timeout)
+                        Error_error(
+                            "[client %s] could not send a full response -- write timed "
+                            "out\n",
+                            remote(inet));
+                else
+                        Error_error("Unexpected event [%d] received in s_endResponse\n", revents);
+                closeConnection(inet, true);
+                return;
+        }
+        HttpRequest_T request = InetAddress_getRequest(inet);
+        HttpResponse_T response = InetAddress_getResponse(inet);
+        Logger_T log = Host_getAccessLogger(Context_getHost(HttpResponse_getContext(response)));
+        if (log)
+                accessLog(log, inet, request, response);
+        HttpRequest_end(request);
+        if (!HttpResponse_getKeepAlive(response)) {
+                closeConnection(inet, false);
+                return;
+        }
+        // Bytes the client sent behind this request are dropped here: no pipelining.
+        InetAddress_release(inet);
+        EventHandler_setData(handler, inet);
+        EventHandler_setTimeout(handler, connectorseam::keepAliveTimeout);
+        EventHandler_setHandler(handler, _readRequest);
+        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
+                Error_error("Could not register keep-alive connection from [%s] with Reactor\n",
+                            remote(inet));
+                closeConnection(inet, true);
+        }
+}
+
+/* ---------------------------------------------------------------- Start */
+
+void _createResponsePipe(HttpConnector_T H) {
+        if (pipe2(H->responsePipe, O_CLOEXEC) != 0)
+                THROW(IOException, "Cannot create response pipeline -- %s\n",
+                      System_getLastError());
+        // Read only when readable, and drained at stop without waiting.
+        fcntl(H->responsePipe[0], F_SETFL, fcntl(H->responsePipe[0], F_GETFL) | O_NONBLOCK);
+}
+
+void closeResponsePipe(HttpConnector_T H) {
+        for (int i = 1; i >= 0; i--) {
+                if (H->responsePipe[i] >= 0)
+                        close(H->responsePipe[i]);
+                H->responsePipe[i] = -1;
+        }
+}
+
+// A persistent handler without timeout, above the connections' priority, so that finished
+// work and new connections are seen before more requests are read.
+EventHandler_T persistentHandler(HttpConnector_T H, int fd, void (*callback)(EventHandler_T, int)) {
+        EventHandler_T handler = Reactor_createHandler(H->reactor, fd);
+        if (handler) {
+                EventHandler_setData(handler, H);
+                EventHandler_setTimeout(handler, 0);
+                EventHandler_setPersistent(handler, 1);
+                EventHandler_setPriority(handler, 1);
+                EventHandler_setHandler(handler, callback);
+        }
+        return handler;
+}
+
+void _startProcess(HttpConnector_T H) {
+        H->responseHandler = persistentHandler(H, H->responsePipe[0], _processResponse);
+        assert(H->responseHandler);
+        if (!Reactor_registerHandler(H->reactor, H->responseHandler, Reactor_Read))
+                THROW(AssertException, "Could not register response handler");
+        H->acceptHandler = persistentHandler(H, ServerSocket_getSocket(H->serverSocket), _doAccept);
+        assert(H->acceptHandler);
+        if (!Reactor_registerHandler(H->reactor, H->acceptHandler, Reactor_Read))
+                THROW(AssertException, "Could not register accept handler");
+}
+
+// Connections whose answer is still in the pipe at stop are closed, so that no body file
+// outlives the server.
+void drainResponsePipe(HttpConnector_T H) {
+        InetAddress_T inet;
+        while (read(H->responsePipe[0], &inet, sizeof inet) == sizeof inet) {
+                HttpRequest_T request = InetAddress_getRequest(inet);
+                if (request)
+                        HttpRequest_end(request);
+                closeConnection(inet, true);
+        }
+}
+
+char* copy(const char* s) {
+        return s ? Str_dup(s) : nullptr;
+}
+
+}  // namespace
+
+int connectorseam::connections(HttpConnector_T H) {
+        assert(H);
+        return H->connections;
+}
+
+/* --------------------------------------------------------------- Public */
+
+HttpConnector_T HttpConnector_new(void) {
+        HttpConnector_T H;
+        NEW0(H);
+        H->port = 8080;
+        H->ipVersion = 4;
+        H->scheme = "http";
+        H->processorThreads = 128;
+        H->processorTimeout = 30;
+        H->connectionTimeout = 30000;
+        H->contentLengthLimit = 51200000;
+        H->contentLengthBufferLimit = 32768;
+        H->reactor = Reactor_getInstance();
+        H->responsePipe[0] = H->responsePipe[1] = -1;
+        return H;
+}
+
+void HttpConnector_free(HttpConnector_T* H) {
+        assert(H && *H);
+        HttpConnector_T C = *H;
+        if (C->serverSocket)
+                ServerSocket_free(&C->serverSocket);
+        if (C->dispatcher)
+                Dispatcher_free(&C->dispatcher);
+        closeResponsePipe(C);
+        FREE(C->proxyScheme);
+        FREE(C->proxyName);
+        FREE(C->bindAddress);
+        FREE(*H);
+}
+
+void HttpConnector_start(HttpConnector_T H) {
+        assert(H);
+        ConnectorSeam_initRequestArena();
+        Error_debug(
+            "Starting IPv%d Connector with scheme '%s' at %s:%d with %d processor threads\n",
+            H->ipVersion, H->scheme, H->bindAddress ? H->bindAddress : "*", H->port,
+            H->processorThreads);
+        if (H->serverSocket)
+                ServerSocket_free(&H->serverSocket);  // left closed by an earlier stop
+        if (!H->dispatcher)
+                H->dispatcher =
+                    Dispatcher_new(H->processorThreads, H->processorTimeout, Processor_Thread);
+        if (H->responsePipe[0] < 0)
+                _createResponsePipe(H);
+        H->serverSocket = ServerSocket_new(H->port, H->bindAddress, H->ipVersion);
+        // With port 0 the system picked one; the connector reports where it listens.
+        H->port = ServerSocket_getPort(H->serverSocket);
+        ServerSocket_setConnectionTimeout(H->serverSocket, H->connectionTimeout);
+        ServerSocket_setSecure(H->serverSocket, H->secure);
+        _startProcess(H);
+}
+
+void HttpConnector_stop(HttpConnector_T H) {
+        assert(H);
+        Error_debug("Stopping IPv%d Connector with scheme '%s' at %s:%d\n", H->ipVersion, H->scheme,
+                    H->bindAddress ? H->bindAddress : "*", H->port);
+        // The watchers go before their descriptors close: the event loop must never be left
+        // watching a closed descriptor whose number the next socket may get.
+        if (H->acceptHandler)
+                Reactor_removeHandler(H->reactor, H->acceptHandler);
+        if (H->responseHandler)
+                Reactor_removeHandler(H->reactor, H->responseHandler);
+        H->acceptHandler = H->responseHandler = nullptr;
+        if (H->serverSocket)
+                ServerSocket_close(H->serverSocket);
+        if (H->dispatcher)
+                Dispatcher_free(&H->dispatcher);
+        if (H->responsePipe[0] >= 0)
+                drainResponsePipe(H);
+        closeResponsePipe(H);
+        Error_debug("Connector stopped\n");
+}
+
+void HttpConnector_setPort(HttpConnector_T H, int port) {
+        assert(H);
+        assert(port >= 0);
+        H->port = port;
+}
+
+int HttpConnector_getPort(HttpConnector_T H) {
+        assert(H);
+        return H->port;
+}
+
+void HttpConnector_setSecure(HttpConnector_T H, int secure) {
+        assert(H);
+        H->secure = secure ? 1 : 0;
+        H->scheme = secure ? "https" : "http";
+}
+
+int HttpConnector_getSecure(HttpConnector_T H) {
+        assert(H);
+        return H->secure;
+}
+
+const char* HttpConnector_getScheme(HttpConnector_T H) {
+        assert(H);
+        return H->scheme;
+}
+
+void HttpConnector_setIPVersion(HttpConnector_T H, int ipVersion) {
+        assert(H);
+        assert(ipVersion == 4 || ipVersion == 6);
+        H->ipVersion = ipVersion;
+}
+
+int HttpConnector_getIPVersion(HttpConnector_T H) {
+        assert(H);
+        return H->ipVersion;
+}
+
+void HttpConnector_setBindAddress(HttpConnector_T H, const char* bindAddress) {
+        assert(H);
+        FREE(H->bindAddress);
+        H->bindAddress = Str_isEqual(bindAddress, "*") ? nullptr : copy(bindAddress);
+}
+
+const char* HttpConnector_getBindAddress(HttpConnector_T H) {
+        assert(H);
+        return H->bindAddress;
+}
+
+void HttpConnector_setProxyName(HttpConnector_T H, const char* proxyName) {
+        assert(H);
+        FREE(H->proxyName);
+        H->proxyName = copy(proxyName);
+}
+
+const char* HttpConnector_getProxyName(HttpConnector_T H) {
+        assert(H);
+        return H->proxyName;
+}
+
+void HttpConnector_setProxyScheme(HttpConnector_T H, const char* proxyScheme) {
+        assert(H);
+        FREE(H->proxyScheme);
+        H->proxyScheme = copy(proxyScheme);
+}
+
+const char* HttpConnector_getProxyScheme(HttpConnector_T H) {
+        assert(H);
+        return H->proxyScheme;
+}
+
+void HttpConnector_setProxyPort(HttpConnector_T H, int proxyPort) {
+        assert(H);
+        assert(proxyPort >= 0);
+        H->proxyPort = proxyPort;
+}
+
+int HttpConnector_getProxyPort(HttpConnector_T H) {
+        assert(H);
+        return H->proxyPort;
+}
+
+void HttpConnector_setRedirectPort(HttpConnector_T H, int redirectPort) {
+        assert(H);
+        assert(redirectPort >= 0);
+        H->redirectPort = redirectPort;
+}
+
+int HttpConnector_getRedirectPort(HttpConnector_T H) {
+        assert(H);
+        return H->redirectPort;
+}
+
+void HttpConnector_setEnableLookups(HttpConnector_T H, int enableLookups) {
+        assert(H);
+        H->enableLookups = enableLookups ? 1 : 0;
+}
+
+int HttpConnector_getEnableLookups(HttpConnector_T H) {
+        assert(H);
+        return H->enableLookups;
+}
+
+void HttpConnector_setProcessorThreads(HttpConnector_T H, int processors) {
+        assert(H);
+        assert(processors > 0);
+        H->processorThreads = processors;
+}
+
+int HttpConnector_getProcessorThreads(HttpConnector_T H) {
+        assert(H);
+        return H->processorThreads;
+}
+
+void HttpConnector_setProcessorTimeout(HttpConnector_T H, int timeout) {
+        assert(H);
+        assert(timeout >= 0);
+        H->processorTimeout = timeout;
+}
+
+int HttpConnector_getProcessorTimeout(HttpConnector_T H) {
+        assert(H);
+        return H->processorTimeout;
+}
+
+void HttpConnector_setConnectionTimeout(HttpConnector_T H, int timeout) {
+        assert(H);
+        assert(timeout >= 0);
+        // Seconds in, milliseconds kept; a timeout past what fits is as good as none.
+        H->connectionTimeout = timeout > INT_MAX / 1000 ? INT_MAX / 1000 * 1000 : timeout * 1000;
+}
+
+int HttpConnector_getConnectionTimeout(HttpConnector_T H) {
+        assert(H);
+        return H->connectionTimeout / 1000;
+}
+
+void HttpConnector_setContentLengthLimit(HttpConnector_T H, int limit) {
+        assert(H);
+        assert(limit >= 0);
+        H->contentLengthLimit = limit;
+}
+
+int HttpConnector_getContentLengthLimit(HttpConnector_T H) {
+        assert(H);
+        return H->contentLengthLimit;
+}
+
+void HttpConnector_setContentLengthBufferLimit(HttpConnector_T H, int limit) {
+        assert(H);
+        assert(limit >= 0);
+        H->contentLengthBufferLimit = limit;
+}
+
+int HttpConnector_getContentLengthBufferLimit(HttpConnector_T H) {
+        assert(H);
+        return H->contentLengthBufferLimit;
+}
+
+void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine) {
+        assert(H);
+        H->engine = engine;
+}
+
+Engine_T HttpConnector_getEngine(HttpConnector_T H) {
+        assert(H);
+        return H->engine;
+}
