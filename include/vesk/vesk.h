@@ -43,11 +43,6 @@
 #include <vesk/HttpResponse.h>
 #include <vesk/HttpStore.h>
 #include <vesk/HttpLexer.h>
-#include <vesk/URLConnection.h>
-#include <vesk/URL.h>
-#include <vesk/SSL.h>
-#include <vesk/OS.h>
-#include <vesk/Logger.h>
 #include <vesk/Bit.h>
 #include <vesk/Array.h>
 #include <vesk/Seq.h>
