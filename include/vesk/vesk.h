@@ -12,6 +12,9 @@
 #include <vesk/Error.h>
 #include <vesk/Container.h>
 /* @modules@ */
+#include <vesk/ServerPageServlet.h>
+#include <vesk/ServerPage.h>
+#include <vesk/DefaultServlet.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>

@@ -5,7 +5,7 @@
 // A connection without a connector (a bare socket pair) gets the default limits and the
 // plain scheme. Every other body here is what a server without that module does: no context gives
 // no session manager, no error page, no dispatch and the default MIME type, no session or principal
-// means none is ever found, and no file cache means a response never holds a mapped file. When a
+// means none is ever found, and a mapped file comes from and goes back to the file cache. When a
 // module arrives, its calls replace the bodies one for one (named in each comment); the
 // callers stay as they are. The body store maps its temporary file here directly until
 // File_map exists.
@@ -18,9 +18,13 @@
 #include <unistd.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Context.h>
+#include <vesk/FileCache.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/ServerPage.h>
+#include <vesk/ServletContext.h>
 
 // pthread_getspecific(Request_Arena): the arena of the request this thread serves.
 inline Arena_T KernelSeam_requestArena() {
@@ -50,21 +54,17 @@ inline SessionManager_T KernelSeam_sessionManager(Context_T context) {
 
 // Context_getServletContext.
 inline ServletContext_T KernelSeam_servletContext(Context_T context) {
-        (void)context;
-        return nullptr;
+        return Context_getServletContext(context);
 }
 
 // Context_getContextPath.
 inline const char* KernelSeam_contextPath(Context_T context) {
-        (void)context;
-        return "";
+        return Context_getContextPath(context);
 }
 
 // Context_getErrorPage: the error page for status, or NULL.
 inline const char* KernelSeam_errorPage(Context_T context, int status) {
-        (void)context;
-        (void)status;
-        return nullptr;
+        return Context_getErrorPage(context, status);
 }
 
 // Context_dispatch: maps request to a servlet of context; false when none takes it.
@@ -84,16 +84,13 @@ inline RequestDispatcher_T KernelSeam_newRequestDispatcher(HttpRequest_T request
 
 // ServletContext_getRealPath.
 inline const char* KernelSeam_realPath(ServletContext_T context, const char* path) {
-        (void)context;
-        (void)path;
-        return nullptr;
+        return ServletContext_getRealPath(context, path);
 }
 
 // ServletContext_getMimeType.
 inline const char* KernelSeam_mimeType(ServletContext_T context, const char* path) {
-        (void)context;
-        (void)path;
-        return "application/octet-stream";
+        const char* type = context ? ServletContext_getMimeType(context, path) : nullptr;
+        return type ? type : "application/octet-stream";
 }
 
 // SessionManager_findSession.
@@ -169,40 +166,36 @@ inline const char* KernelSeam_principalName(Principal_T principal) {
 // ServerPage_new: the page at realPath for response, or NULL.
 inline ServerPage_T KernelSeam_newServerPage(Arena_T arena, const char* realPath,
                                              HttpResponse_T response) {
-        (void)arena;
-        (void)realPath;
-        (void)response;
-        return nullptr;
+        return ServerPage_new(arena, realPath, response);
 }
 
 // ServerPage_free.
 inline void KernelSeam_freeServerPage(ServerPage_T* page) {
-        *page = nullptr;
+        ServerPage_free(page);
 }
 
 // ServerPage_setErrorPage, ServerPage_addInt(page, "Error.status_code", status),
 // ServerPage_add(page, "Error.message", message), ServerPage_write.
 inline void KernelSeam_writeErrorPage(ServerPage_T page, int status, const char* message) {
-        (void)page;
-        (void)status;
-        (void)message;
+        ServerPage_setErrorPage(page);
+        ServerPage_addInt(page, "Error.status_code", status);
+        ServerPage_add(page, "Error.message", message);
+        ServerPage_write(page);
 }
 
 // FileCache_return(FileCache_getInstance(), map).
 inline void KernelSeam_returnFileMap(FileMap_T map) {
-        (void)map;
+        FileCache_return(FileCache_getInstance(), map);
 }
 
 // The mapped file's size.
 inline long long KernelSeam_fileMapSize(FileMap_T map) {
-        (void)map;
-        return 0;
+        return FileMap_getSize(map);
 }
 
 // The mapped file's path.
 inline const char* KernelSeam_fileMapPath(FileMap_T map) {
-        (void)map;
-        return nullptr;
+        return File_getPath(FileMap_getFile(map));
 }
 
 // A writable shared mapping of a body file: File_map(file, "r+").

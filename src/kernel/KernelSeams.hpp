@@ -5,7 +5,7 @@
 // Each body is what a server without that module does: with no connector module there
 // are no connectors to start or free; a Context without a session manager has no
 // sessions; without a realm every request passes authentication and no principal has a
-// role; until the content servlets exist the built-in servlets answer 404; without the
+// role; without the
 // default descriptor there are no server-wide MIME types or welcome files; with no
 // request bound to the thread, real paths go to a per-thread buffer. When a module
 // arrives its call replaces the body (named above each), and the callers stay as they are.
@@ -18,6 +18,8 @@
 #include <vesk/HttpResponse.h>
 #include <vesk/List.h>
 #include <vesk/Service.h>
+#include <vesk/DefaultServlet.h>
+#include <vesk/ServerPageServlet.h>
 #include <vesk/Wrapper.h>
 
 namespace kernelseam {
@@ -114,25 +116,14 @@ inline int principalHasRole(Principal_T principal, const char* role) {
         return 0;
 }
 
-// Answers what the content servlets will serve.
-inline int notYetServed(HttpRequest_T req, HttpResponse_T res) {
-        (void)req;
-        HttpResponse_sendError(res, 404, "The requested URL was not found on this server");
-        return 0;
-}
-
 // CreateDefaultServlet.
 inline void createDefaultServlet(Wrapper_T servlet) {
-        Wrapper_setDoGet(servlet, notYetServed);
-        Wrapper_setDoHead(servlet, notYetServed);
-        Wrapper_setDoPost(servlet, notYetServed);
+        CreateDefaultServlet(servlet);
 }
 
 // CreateServerPageServlet.
 inline void createServerPageServlet(Wrapper_T servlet) {
-        Wrapper_setDoGet(servlet, notYetServed);
-        Wrapper_setDoHead(servlet, notYetServed);
-        Wrapper_setDoPost(servlet, notYetServed);
+        CreateServerPageServlet(servlet);
 }
 
 // Config_getMimeType.
