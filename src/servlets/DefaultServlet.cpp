@@ -56,6 +56,15 @@ bool findWelcomeFile(HttpRequest_T req, HttpResponse_T res, ServletContext_T ser
         return false;
 }
 
+// The lexer has removed dot segments already; this guard keeps a path that slipped past
+// it from leaving the application's directory.
+bool climbsUp(const char* path) {
+        for (const char* p = strstr(path, "/.."); p; p = strstr(p + 1, "/.."))
+                if (p[3] == '/' || p[3] == 0)
+                        return true;
+        return false;
+}
+
 // True if a directory of path below its first base bytes is a symbolic link.
 bool linkOnTheWay(char* path, size_t base) {
         if (base >= strlen(path))
@@ -116,7 +125,8 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
         assert(relativePath);
         if (!*relativePath)
                 relativePath = "/";
-        else if (*relativePath != '/' || Str_startsWith(relativePath, "/WEB-INF")) {
+        else if (*relativePath != '/' || Str_startsWith(relativePath, "/WEB-INF") ||
+                 climbsUp(relativePath)) {
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
         }
