@@ -15,6 +15,9 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/Build.h>
 #include <vesk/Config.h>
+#include <vesk/ServerPageServlet.h>
+#include <vesk/ServerPage.h>
+#include <vesk/DefaultServlet.h>
 #include <vesk/Service.h>
 #include <vesk/Engine.h>
 #include <vesk/Host.h>

@@ -26,6 +26,8 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/ServerPage.h>
+#include <vesk/ServletContext.h>
 
 // The arena of the request this thread serves, or NULL outside a request.
 inline Arena_T KernelSeam_requestArena() {
@@ -161,23 +163,21 @@ inline const char* KernelSeam_principalName(Principal_T principal) {
 // ServerPage_new: the page at realPath for response, or NULL.
 inline ServerPage_T KernelSeam_newServerPage(Arena_T arena, const char* realPath,
                                              HttpResponse_T response) {
-        (void)arena;
-        (void)realPath;
-        (void)response;
-        return nullptr;
+        return ServerPage_new(arena, realPath, response);
 }
 
 // ServerPage_free.
 inline void KernelSeam_freeServerPage(ServerPage_T* page) {
-        *page = nullptr;
+        ServerPage_free(page);
 }
 
 // ServerPage_setErrorPage, ServerPage_addInt(page, "Error.status_code", status),
 // ServerPage_add(page, "Error.message", message), ServerPage_write.
 inline void KernelSeam_writeErrorPage(ServerPage_T page, int status, const char* message) {
-        (void)page;
-        (void)status;
-        (void)message;
+        ServerPage_setErrorPage(page);
+        ServerPage_addInt(page, "Error.status_code", status);
+        ServerPage_add(page, "Error.message", message);
+        ServerPage_write(page);
 }
 
 // FileCache_return(FileCache_getInstance(), map).

@@ -4,10 +4,9 @@
 //
 // Where a module is not there yet, the body is what a server without it does: a Context
 // without a session manager has no sessions; without a realm every request passes
-// authentication and no principal has a role; until the content servlets exist the
-// built-in servlets answer 404; with no request bound to the thread, real paths go to a
-// per-thread buffer. When a module arrives its call replaces the body (named above each),
-// and the callers stay as they are.
+// authentication and no principal has a role; with no request bound to the thread, real paths go to
+// a per-thread buffer. When a module arrives its call replaces the body (named above each), and the
+// callers stay as they are.
 #pragma once
 
 #include <limits.h>
@@ -20,6 +19,8 @@
 #include <vesk/HttpResponse.h>
 #include <vesk/List.h>
 #include <vesk/Service.h>
+#include <vesk/DefaultServlet.h>
+#include <vesk/ServerPageServlet.h>
 #include <vesk/Wrapper.h>
 
 namespace kernelseam {
@@ -111,25 +112,14 @@ inline int principalHasRole(Principal_T principal, const char* role) {
         return 0;
 }
 
-// Answers what the content servlets will serve.
-inline int notYetServed(HttpRequest_T req, HttpResponse_T res) {
-        (void)req;
-        HttpResponse_sendError(res, 404, "The requested URL was not found on this server");
-        return 0;
-}
-
 // CreateDefaultServlet.
 inline void createDefaultServlet(Wrapper_T servlet) {
-        Wrapper_setDoGet(servlet, notYetServed);
-        Wrapper_setDoHead(servlet, notYetServed);
-        Wrapper_setDoPost(servlet, notYetServed);
+        CreateDefaultServlet(servlet);
 }
 
 // CreateServerPageServlet.
 inline void createServerPageServlet(Wrapper_T servlet) {
-        Wrapper_setDoGet(servlet, notYetServed);
-        Wrapper_setDoHead(servlet, notYetServed);
-        Wrapper_setDoPost(servlet, notYetServed);
+        CreateServerPageServlet(servlet);
 }
 
 inline const char* configMimeType(const char* path) {

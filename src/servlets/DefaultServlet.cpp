@@ -1,0 +1,233 @@
+// The file server behind every Context's "/" mapping. Each request works on locals only;
+// the one shared object is the FileCache, which locks for itself.
+#include <errno.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include <vesk/Context.h>
+#include <vesk/DefaultServlet.h>
+#include <vesk/Error.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
+#include <vesk/HttpRequest.h>
+#include <vesk/HttpResponse.h>
+#include <vesk/List.h>
+#include <vesk/ServletContext.h>
+#include <vesk/Str.h>
+#include <vesk/System.h>
+#include <vesk/Time.h>
+
+#include "kernel/KernelSeams.hpp"
+
+#include <vesk/assert.h>
+
+namespace {
+
+constexpr const char* kNotFound = "The requested URL was not found on this server";
+constexpr int kPathMax = 4096;
+
+// Welcome files with these extensions go back through servlet mapping, never out as text.
+bool isMappedPage(const char* entry) {
+        const char* dot = strrchr(entry, '.');
+        return dot && (Str_isEqual(dot + 1, "csp") || Str_isEqual(dot + 1, "php"));
+}
+
+// Finds a welcome file after the trailing '/' of path; false when an answer was sent.
+bool findWelcomeFile(HttpRequest_T req, HttpResponse_T res, ServletContext_T servletContext,
+                     char* path) {
+        List_T welcome = ServletContext_getWelcomeFiles(servletContext);
+        size_t base = strlen(path);
+        int room = kPathMax - 1 - static_cast<int>(base);
+        if (welcome && room > 0)
+                for (list_t p = welcome->head; p && welcome->length > 0; p = p->next) {
+                        const char* entry = static_cast<const char*>(p->e);
+                        Str_copy(path + base, entry, room);
+                        if (!File_isFile(path))
+                                continue;
+                        if (isMappedPage(entry)) {
+                                HttpResponse_sendRedirect(res, "%s%s",
+                                                          HttpRequest_getRequestURL(req), entry);
+                                return false;
+                        }
+                        return true;
+                }
+        HttpResponse_sendError(res, 404, "%s", kNotFound);
+        return false;
+}
+
+// The lexer has removed dot segments already; this guard keeps a path that slipped past
+// it from leaving the application's directory.
+bool climbsUp(const char* path) {
+        for (const char* p = strstr(path, "/.."); p; p = strstr(p + 1, "/.."))
+                if (p[3] == '/' || p[3] == 0)
+                        return true;
+        return false;
+}
+
+// True if a directory of path below its first base bytes is a symbolic link.
+bool linkOnTheWay(char* path, size_t base) {
+        if (base >= strlen(path))
+                return true;
+        for (char* slash = strchr(path + base + 1, '/'); slash; slash = strchr(slash + 1, '/')) {
+                *slash = 0;
+                struct stat st;
+                bool link = lstat(path, &st) != 0 || !S_ISDIR(st.st_mode);
+                *slash = '/';
+                if (link)
+                        return true;
+        }
+        return false;
+}
+
+// The client takes gzip, the size is worth it, and the type is not an application type.
+bool shouldCompress(HttpRequest_T req, const char* mimeType, off_t size) {
+        if (HttpRequest_getAcceptEncoding(req) != 1 || size <= 1024 || size >= 131072000)
+                return false;
+        const char* registered = mimeType ? kernelseam::configMimeType(mimeType) : nullptr;
+        return !(registered && Str_startsWith(registered, "application/"));
+}
+
+// Answers a failed precondition; false when processing goes on.
+bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const char* etag, time_t mtime) {
+        const char* ifMatch = HttpRequest_getHeader(req, "If-Match");
+        if (ifMatch && !strchr(ifMatch, '*') && !strstr(etag, ifMatch)) {
+                HttpResponse_sendError(res, 412, NULL);
+                return true;
+        }
+        const char* ifNoneMatch = HttpRequest_getHeader(req, "If-None-Match");
+        if (ifNoneMatch && (strchr(ifNoneMatch, '*') || strstr(etag, ifNoneMatch))) {
+                int method = HttpRequest_method(req);
+                if (method == 0 || method == 2)
+                        HttpResponse_setStatus(res, 304);
+                else
+                        HttpResponse_sendError(res, 412, NULL);
+                return true;
+        }
+        time_t since = HttpRequest_getDateHeader(req, "If-Modified-Since");
+        if (since > -1 && !ifNoneMatch && mtime <= since) {
+                HttpResponse_setStatus(res, 304);
+                return true;
+        }
+        time_t unmodified = HttpRequest_getDateHeader(req, "If-Unmodified-Since");
+        if (unmodified > -1 && mtime > unmodified) {
+                HttpResponse_sendError(res, 412, NULL);
+                return true;
+        }
+        return false;
+}
+
+int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
+        FileCache_T cache = FileCache_getInstance();
+        const char* relativePath = HttpRequest_getServletPath(req);
+        Context_T context = HttpRequest_getContext(req);
+        ServletContext_T servletContext = HttpRequest_getServletContext(req);
+        assert(relativePath);
+        if (!*relativePath)
+                relativePath = "/";
+        else if (*relativePath != '/' || Str_startsWith(relativePath, "/WEB-INF") ||
+                 climbsUp(relativePath)) {
+                HttpResponse_sendError(res, 404, "%s", kNotFound);
+                return 1;
+        }
+        // Without an application directory there is nothing to serve.
+        const char* docBase = context ? Context_getDocBase(context) : nullptr;
+        if (!docBase || !*docBase) {
+                HttpResponse_sendError(res, 404, "%s", kNotFound);
+                return 1;
+        }
+        char path[kPathMax];
+        _Str_join(path, kPathMax - 1, docBase, relativePath, (const char*)0);
+        size_t length = strlen(path);
+        if (length && path[length - 1] == '/' && !findWelcomeFile(req, res, servletContext, path))
+                return 1;
+        struct stat st;
+        if (lstat(path, &st) != 0) {
+                if (errno == ENOENT) {
+                        Error_error("[client %s] File does not exist: %s\n",
+                                    HttpRequest_getRemoteAddr(req), path);
+                        HttpResponse_sendError(res, 404, "%s", kNotFound);
+                } else {
+                        Error_error("[client %s] Could not stat file: %s -- %s\n",
+                                    HttpRequest_getRemoteAddr(req), path, System_getLastError());
+                        HttpResponse_sendError(res, 500, "Could not load the requested URL");
+                }
+                return 1;
+        }
+        if (S_ISDIR(st.st_mode)) {
+                HttpResponse_sendRedirect(res, "%s/", HttpRequest_getRequestURL(req));
+                return 1;
+        }
+        // lstat, not stat: a symbolic link is neither and is never followed, not even
+        // as a directory on the way to the file.
+        if (!S_ISREG(st.st_mode) || linkOnTheWay(path, strlen(docBase))) {
+                HttpResponse_sendError(res, 404, "%s", kNotFound);
+                return 1;
+        }
+        time_t mtime = Time_gmt(st.st_mtime);
+        char date[30];
+        HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
+        HttpResponse_setHeader(res, "Last-Modified", "%s GMT", Time_string(mtime, date));
+        const char* mimeType = ServletContext_getMimeType(servletContext, path);
+        HttpResponse_setContentType(res, mimeType ? mimeType : "text/plain");
+        char etag[26];
+        snprintf(etag, sizeof etag, "\"%ld-%lld\"", static_cast<long>(mtime),
+                 static_cast<long long>(st.st_size));
+        HttpResponse_setHeader(res, "ETag", "%s", etag);
+        if (preconditionAnswered(req, res, etag, mtime))
+                return 1;
+        if (!includeContent || st.st_size == 0) {
+                HttpResponse_setContentLength(res, 0);
+                return 1;
+        }
+        FileMap_T map = FileCache_get(cache, shouldCompress(req, mimeType, st.st_size), path);
+        if (!map) {
+                HttpResponse_sendError(res, 500, "Could not load the requested file");
+                return 1;
+        }
+        if (FileMap_isCompressed(map))
+                HttpResponse_setHeader(res, "Content-Encoding", "gzip");
+        // Changed on disk since it was cached: this response still carries the cached
+        // bytes, and the last holder's return drops them so the next request reads anew.
+        if (FileMap_getMtime(map) != mtime)
+                FileMap_purge(map);
+        HttpResponse_setFileMap(res, map);
+        return 1;
+}
+
+int doGet(HttpRequest_T req, HttpResponse_T res) {
+        return serveResource(req, res, 1);
+}
+
+int doHead(HttpRequest_T req, HttpResponse_T res) {
+        return serveResource(req, res, 0);
+}
+
+int doOptions(HttpRequest_T req, HttpResponse_T res) {
+        const char* path = HttpRequest_getServletPath(req);
+        if (path && *path && !strchr(path, '*'))
+                return serveResource(req, res, 0);
+        HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
+        HttpResponse_setContentLength(res, 0);
+        return 1;
+}
+
+int forbidden(HttpRequest_T req, HttpResponse_T res) {
+        (void)req;
+        HttpResponse_sendError(res, 403, NULL);
+        return 1;
+}
+
+}  // namespace
+
+void CreateDefaultServlet(Wrapper_T D) {
+        assert(D);
+        assert(Wrapper_isVirtual(D));
+        Wrapper_setDoPut(D, forbidden);
+        Wrapper_setDoGet(D, doGet);
+        Wrapper_setDoHead(D, doHead);
+        Wrapper_setDoPost(D, doGet);
+        Wrapper_setDoDelete(D, forbidden);
+        Wrapper_setDoTrace(D, forbidden);
+        Wrapper_setDoOptions(D, doOptions);
+}
