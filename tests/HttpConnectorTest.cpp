@@ -35,6 +35,7 @@
 
 #include "Support.hpp"
 #include "TempDir.hpp"
+#include "TlsSupport.hpp"
 #include "http/ConnectorSeam.hpp"
 
 namespace {
@@ -704,4 +705,27 @@ TEST_F(HttpConnectorTest, PipelinedSecondRequestIsDropped) {
         EXPECT_EQ(readResponse(fd).body, "hello");
         EXPECT_EQ(readToClose(fd), "");
         close(fd);
+}
+
+TEST_F(HttpConnectorTest, SecurePortTakesItsIdentityFromTheHostOfTheAddress) {
+        Host_T secure = Host_new();
+        Host_setName(secure, "secure.localhost");
+        Host_setAddress(secure, "127.0.0.1");
+        Host_setCertificate(secure, makeCertificate(dir).c_str());
+        Engine_addHost(engine, secure);
+        Host_start(secure);
+        HttpConnector_setSecure(connector, 1);
+        start();
+        int fd = connectTo(port);
+        {
+                RawTlsClient tls(fd);
+                ASSERT_TRUE(tls.connect());
+                ASSERT_TRUE(tls.send(get("/where", "Connection: close\r\n")));
+                std::string answer = tls.receive(1 << 20);
+                std::string expected = "https://localhost:" + std::to_string(port);
+                EXPECT_EQ(answer.substr(answer.size() - expected.size()), expected) << answer;
+        }
+        close(fd);
+        // A client that does not speak TLS is reset without an answer.
+        EXPECT_EQ(exchange(get("/hello")), "");
 }
