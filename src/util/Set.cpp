@@ -238,6 +238,18 @@ Set_T Set_union(Set_T s, Set_T t) {
         return set;
 }
 
+namespace {
+
+// Adds to set each member of from that is (or is not) a member of other.
+void addWhere(Set_T set, Set_T from, Set_T other, bool inOther) {
+        each(from, [set, other, inOther](const void* m) {
+                if ((Set_member(other, m) != 0) == inOther)
+                        insert(set, m);
+        });
+}
+
+}  // namespace
+
 Set_T Set_inter(Set_T s, Set_T t) {
         if (!s) {
                 assert(t);
@@ -249,10 +261,7 @@ Set_T Set_inter(Set_T s, Set_T t) {
                 return Set_inter(t, s);
         checkAgree(s, t);
         Set_T set = empty(s, smaller(s->size, t->size));
-        each(t, [s, set](const void* m) {
-                if (Set_member(s, m))
-                        insert(set, m);
-        });
+        addWhere(set, t, s, true);
         return set;
 }
 
@@ -265,10 +274,7 @@ Set_T Set_minus(Set_T t, Set_T s) {
                 return copy(t, t->size);
         checkAgree(s, t);
         Set_T set = empty(t, smaller(s->size, t->size));
-        each(t, [s, set](const void* m) {
-                if (!Set_member(s, m))
-                        insert(set, m);
-        });
+        addWhere(set, t, s, false);
         return set;
 }
 
@@ -281,13 +287,7 @@ Set_T Set_diff(Set_T s, Set_T t) {
                 return copy(s, s->size);
         checkAgree(s, t);
         Set_T set = empty(s, smaller(s->size, t->size));
-        each(t, [s, set](const void* m) {
-                if (!Set_member(s, m))
-                        insert(set, m);
-        });
-        each(s, [t, set](const void* m) {
-                if (!Set_member(t, m))
-                        insert(set, m);
-        });
+        addWhere(set, t, s, false);
+        addWhere(set, s, t, false);
         return set;
 }
