@@ -9,7 +9,7 @@ jobs=$(nproc 2>/dev/null || echo 2)
 run() { # build-directory cmake-options...
         dir=$1
         shift
-        cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+        cmake -S . -B "$dir" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_TESTS=ON "$@" >/dev/null
         cmake --build "$dir" -j "$jobs"
         (cd "$dir" && ctest --output-on-failure -j "$jobs" --timeout 300)
 }

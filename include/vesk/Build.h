@@ -37,7 +37,9 @@ VESK_API Build_T Build_new(void);
 VESK_API Build_T Build_parse(const char* containerHome, const char* server_xml);
 /* Checks the defaults, starts the Engine and serves until Build_stop. */
 VESK_API void Build_start(Build_T B);
-/* Stops the Engine and the Reactor; returns at once while the Reactor winds down. */
+/* Stops accepting, lets the requests in flight finish (for up to 30 seconds), then stops
+   the Engine and the Reactor; returns at once while the Reactor winds down. Call it on
+   the Reactor thread. */
 VESK_API void Build_stop(Build_T B);
 /* Releases the tree and the singletons; clears *B. Checks "B && *B". */
 VESK_API void Build_free(Build_T* B);

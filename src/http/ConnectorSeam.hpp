@@ -20,4 +20,11 @@ inline int keepAliveTimeout = 15000;
 // Open connections of H; read on the Reactor thread only.
 int connections(HttpConnector_T H);
 
+// Requests of H handed to processor threads whose answer has not gone out in full.
+int busy(HttpConnector_T H);
+
+// The first step of a graceful stop: H accepts no more connections and keeps none alive,
+// while the requests it has already read are answered.
+void quiesce(HttpConnector_T H);
+
 }  // namespace connectorseam

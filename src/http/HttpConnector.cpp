@@ -58,6 +58,8 @@ struct HttpConnector_S {
         EventHandler_T responseHandler;
         int responsePipe[2];  // read end, then write end
         int connections;      // accepted and not yet closed; touched on the Reactor thread only
+        int busy;             // dispatched and not yet answered in full; Reactor thread only
+        int draining;         // stopping: no new connections, none kept alive
 };
 
 namespace {
@@ -120,8 +122,16 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
 // Hands a complete request to a processor thread; the connection has no watcher until the
 // answer comes back through the pipe.
 void dispatch(HttpConnector_T H, InetAddress_T inet, HttpRequest_T request) {
-        if (!Dispatcher_add(H->dispatcher, request))
+        if (Dispatcher_add(H->dispatcher, request))
+                H->busy++;
+        else
                 _sendError(inet, 500, "Could not add request to Dispatcher");
+}
+
+// A dispatched request is over: its answer went out, or its connection is ending. A stop
+// in progress waits for the count to reach zero.
+void settle(HttpConnector_T H) {
+        H->busy--;
 }
 
 /* ------------------------------------------------------------- Accepting */
@@ -415,14 +425,17 @@ void _processResponse(EventHandler_T handler, int revents) {
         }
         EventHandler_T writer = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
         if (!writer) {
+                settle(H);
                 _sendError(inet, 500, "Could not create a new write handler");
                 return;
         }
         EventHandler_setData(writer, inet);
         EventHandler_setHandler(writer, s_endResponse);
         EventHandler_setTimeout(writer, connectorseam::keepAliveTimeout);
-        if (!Reactor_registerHandler(H->reactor, writer, Reactor_Write))
+        if (!Reactor_registerHandler(H->reactor, writer, Reactor_Write)) {
+                settle(H);
                 _sendError(inet, 500, "Could not register with Reactor");
+        }
 }
 
 // One line in the combined log format, written once the response has gone out in full.
@@ -450,12 +463,15 @@ void s_endResponse(EventHandler_T handler, int revents) {
                             "[client %s] could not send full response -- connection "
                             "was closed\n",
                             remote(inet));
+                        settle(H);
                         closeConnection(inet, true);
                         return;
                 }
                 if (OutputStream_buffered(out) != 0) {
-                        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Write))
+                        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Write)) {
+                                settle(H);
                                 _sendError(inet, 500, "Could not register with Reactor");
+                        }
                         return;
                 }
         } else {
@@ -466,16 +482,18 @@ void s_endResponse(EventHandler_T handler, int revents) {
                             remote(inet));
                 else
                         Error_error("Unexpected event [%d] received in s_endResponse\n", revents);
+                settle(H);
                 closeConnection(inet, true);
                 return;
         }
+        settle(H);
         HttpRequest_T request = InetAddress_getRequest(inet);
         HttpResponse_T response = InetAddress_getResponse(inet);
         Logger_T log = Host_getAccessLogger(Context_getHost(HttpResponse_getContext(response)));
         if (log)
                 accessLog(log, inet, request, response);
         HttpRequest_end(request);
-        if (!HttpResponse_getKeepAlive(response)) {
+        if (!HttpResponse_getKeepAlive(response) || H->draining) {
                 closeConnection(inet, false);
                 return;
         }
@@ -557,6 +575,21 @@ int connectorseam::connections(HttpConnector_T H) {
         return H->connections;
 }
 
+int connectorseam::busy(HttpConnector_T H) {
+        assert(H);
+        return H->busy;
+}
+
+void connectorseam::quiesce(HttpConnector_T H) {
+        assert(H);
+        if (H->acceptHandler)
+                Reactor_removeHandler(H->reactor, H->acceptHandler);
+        H->acceptHandler = nullptr;
+        if (H->serverSocket)
+                ServerSocket_close(H->serverSocket);
+        H->draining = 1;
+}
+
 /* --------------------------------------------------------------- Public */
 
 HttpConnector_T HttpConnector_new(void) {
@@ -628,6 +661,8 @@ void HttpConnector_stop(HttpConnector_T H) {
         if (H->responsePipe[0] >= 0)
                 drainResponsePipe(H);
         closeResponsePipe(H);
+        H->busy = 0;
+        H->draining = 0;
         Error_debug("Connector stopped\n");
 }
 

@@ -25,11 +25,13 @@
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
+#include <vesk/Time.h>
 #include <vesk/Thread.h>
 #include <vesk/URL.h>
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
+#include "http/ConnectorSeam.hpp"
 #include "kernel/BuildSeams.hpp"
 
 pthread_key_t Request_Arena;
@@ -37,6 +39,9 @@ pthread_key_t Request_Arena;
 struct Build_S {
         Engine_T engine;
         Service_T service;
+        int stopping;      // a stop waits for the requests in flight
+        int64_t deadline;  // milliseconds: when it stops waiting
+        int drainTimer;
 };
 
 namespace {
@@ -704,17 +709,64 @@ Build_T Build_parse(const char* containerHome, const char* server_xml) {
 void Build_start(Build_T B) {
         assert(B);
         checkDefaults(B);
+        B->stopping = 0;
         Engine_start(B->engine);
         if (Container_Standalone)
                 Error_error("%s %s started\n", Container_Name, Container_Version);
         Reactor_start(Reactor_getInstance());
 }
 
-void Build_stop(Build_T B) {
-        assert(B);
-        Error_error("%s %s is shutting down.. (please wait)\n", Container_Name, Container_Version);
+namespace {
+
+// Requests already read when a stop comes may take this long to finish; then the
+// applications stop regardless.
+constexpr int64_t kStopGrace = 30000;
+constexpr unsigned kDrainPoll = 20;  // milliseconds
+
+int busy(Build_T B) {
+        int n = 0;
+        if (B->service)
+                for (list_t p = Service_getConnectors(B->service)->head; p; p = p->next)
+                        n += connectorseam::busy(static_cast<HttpConnector_T>(p->e));
+        return n;
+}
+
+void finishStop(Build_T B) {
         Engine_stop(B->engine);
         Reactor_stop(Reactor_getInstance());
+}
+
+void drain(Timer_T timer) {
+        Build_T B = static_cast<Build_T>(Timer_getData(timer));
+        if (busy(B) && Time_milli() < B->deadline)
+                return;
+        Reactor_cancelTimer(Reactor_getInstance(), B->drainTimer);
+        finishStop(B);
+}
+
+}  // namespace
+
+void Build_stop(Build_T B) {
+        assert(B);
+        if (B->stopping)
+                return;  // a second signal, while the first stop waits or after it
+        B->stopping = 1;
+        Error_error("%s %s is shutting down.. (please wait)\n", Container_Name, Container_Version);
+        // Applications are destroyed only once no processor thread runs their code: the
+        // listeners close now, and what is in flight is answered first.
+        if (B->service)
+                for (list_t p = Service_getConnectors(B->service)->head; p; p = p->next)
+                        connectorseam::quiesce(static_cast<HttpConnector_T>(p->e));
+        if (!busy(B)) {
+                finishStop(B);
+                return;
+        }
+        B->deadline = Time_milli() + kStopGrace;
+        Reactor_T reactor = Reactor_getInstance();
+        Timer_T timer = Reactor_createTimer(reactor);
+        Timer_setData(timer, B);
+        Timer_setHandler(timer, drain);
+        B->drainTimer = Reactor_scheduleTimer(reactor, timer, kDrainPoll, kDrainPoll);
 }
 
 void Build_free(Build_T* B) {

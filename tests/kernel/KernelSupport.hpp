@@ -47,28 +47,34 @@ inline bool contains(const std::string& s, const std::string& part) {
         return s.find(part) != std::string::npos;
 }
 
+// Copies the built module `from` to classes/as.clazz, through a rename so that a module
+// already loaded is not changed under the linker, with mtime set when given.
+inline void installModule(const std::string& classes, const std::string& from,
+                          const std::string& as, time_t mtime = 0) {
+        std::string target = classes + "/" + as + ".clazz";
+        std::string temporary = target + ".new";
+        {
+                std::ifstream in(std::string(VESK_TEST_SERVLETS) + "/" + from + ".clazz",
+                                 std::ios::binary);
+                std::ofstream out(temporary, std::ios::binary);
+                out << in.rdbuf();
+        }
+        rename(temporary.c_str(), target.c_str());
+        if (mtime) {
+                struct utimbuf times = {mtime, mtime};
+                utime(target.c_str(), &times);
+        }
+}
+
 // An application directory with WEB-INF/classes.
 struct AppDir : TempDir {
         AppDir() {
                 mkdir((*this / "WEB-INF").c_str(), 0755);
                 mkdir((*this / "WEB-INF/classes").c_str(), 0755);
         }
-        // Copies the built module from to WEB-INF/classes/to.clazz, through a rename so
-        // that a module already loaded is not changed under the linker, with mtime set.
+        // Installs the built module `from` as WEB-INF/classes/as.clazz.
         void install(const std::string& from, const std::string& as, time_t mtime = 0) const {
-                std::string target = *this / ("WEB-INF/classes/" + as + ".clazz");
-                std::string temporary = target + ".new";
-                {
-                        std::ifstream in(std::string(VESK_TEST_SERVLETS) + "/" + from + ".clazz",
-                                         std::ios::binary);
-                        std::ofstream out(temporary, std::ios::binary);
-                        out << in.rdbuf();
-                }
-                rename(temporary.c_str(), target.c_str());
-                if (mtime) {
-                        struct utimbuf times = {mtime, mtime};
-                        utime(target.c_str(), &times);
-                }
+                installModule(*this / "WEB-INF/classes", from, as, mtime);
         }
         void webXml(const std::string& content) const { write("WEB-INF/web.xml", content); }
 };
