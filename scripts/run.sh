@@ -12,5 +12,5 @@ if [ ! -f "$home/conf/server.xml" ]; then
         echo "Vesk: the library and the launcher (build/release/launcher/vesk) are built; the example home is not assembled." >&2
         exit 1
 fi
-echo "Vesk: serving $home on http://127.0.0.1:8080/ -- open /demo/hello?name=you and /demo/guide; Ctrl-C stops."
+echo "Vesk: serving $home on http://127.0.0.1:8080/ -- open /demo/, /demo/hello?name=you, /demo/guide, /demo/guestbook and /demo/request.csp; Ctrl-C stops."
 exec build/release/launcher/vesk -H "$home" -f start
