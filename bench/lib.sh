@@ -37,8 +37,8 @@ bench_prepare() {
         nginx=$(command -v nginx || echo /usr/sbin/nginx)
 
         sh scripts/deps.sh
-        cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_TESTS=OFF >/dev/null
-        cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
+        cmake -S . -B build/bench -DCMAKE_BUILD_TYPE=Release -DVESK_TESTS=OFF >/dev/null
+        cmake --build build/bench -j "$(nproc 2>/dev/null || echo 2)" >/dev/null
 
         work=$(mktemp -d /tmp/vesk-bench-XXXXXX)
         # nginx's workers, started by root, run as an unprivileged user that must read the files.
@@ -77,12 +77,12 @@ wait_port() {
 # per-request access log line that nginx is spared as well.
 vesk_home() {
         vesk_port=$(free_port)
-        cp -r build/release/examples/home "$work/home"
+        cp -r build/bench/examples/home "$work/home"
         sed -i -e "s/port=\"8080\"/port=\"$vesk_port\"/" -e '/<Accesslogger/d' "$work/home/conf/server.xml"
 }
 
 vesk_start() {
-        build/release/launcher/vesk -H "$work/home" -f start >"$work/vesk.log" 2>&1 &
+        build/bench/launcher/vesk -H "$work/home" -f start >"$work/vesk.log" 2>&1 &
         vesk_pid=$!
         wait_port "$vesk_port"
 }

@@ -1,16 +1,16 @@
 #!/bin/sh
 # Installs what is missing, builds, and runs the server in the foreground on the example
-# home, which the build assembles in build/release/examples/home (the committed
+# home, which the build assembles in build/run/examples/home (the committed
 # examples/home plus the servlet modules built into its WEB-INF/classes).
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/deps.sh
-cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVESK_TESTS=OFF >/dev/null
-cmake --build build/release -j "$(nproc 2>/dev/null || echo 2)"
-home=build/release/examples/home
+cmake -S . -B build/run -DCMAKE_BUILD_TYPE=Release -DVESK_TESTS=OFF >/dev/null
+cmake --build build/run -j "$(nproc 2>/dev/null || echo 2)"
+home=build/run/examples/home
 if [ ! -f "$home/conf/server.xml" ]; then
-        echo "Vesk: the library and the launcher (build/release/launcher/vesk) are built; the example home is not assembled." >&2
+        echo "Vesk: the library and the launcher (build/run/launcher/vesk) are built; the example home is not assembled." >&2
         exit 1
 fi
 echo "Vesk: serving $home on http://127.0.0.1:8080/ -- open /demo/, /demo/hello?name=you, /demo/guide, /demo/guestbook and /demo/request.csp; Ctrl-C stops."
-exec build/release/launcher/vesk -H "$home" -f start
+exec build/run/launcher/vesk -H "$home" -f start
