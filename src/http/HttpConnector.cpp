@@ -33,6 +33,7 @@
 #include <vesk/assert.h>
 
 #include "http/ConnectorSeam.hpp"
+#include "ssl/SSLTransport.hpp"
 
 struct HttpConnector_S {
         int port;
@@ -214,6 +215,8 @@ void _readRequest(EventHandler_T handler, int revents) {
                 closeConnection(inet, true);
                 return;
         }
+        SSL_T ssl = InetAddress_getSSL(inet);
+        bool handshaking = ssl && SSLTransport_handshaking(ssl);
         char* buffer = nullptr;
         int n = InputStream_hasRequest(InetAddress_getInputStream(inet), &buffer);
         if (n == -1) {
@@ -223,9 +226,13 @@ void _readRequest(EventHandler_T handler, int revents) {
         if (n == 0) {
                 // Every incomplete read costs a second, however long the client took, so a
                 // client trickling its head gets a bounded number of events. A handler
-                // without a timeout has no budget to spend.
+                // without a timeout has no budget to spend. The read that completes a TLS
+                // handshake gives the whole budget back: the head has not begun, and a
+                // client that waits for the handshake before it writes must not lose it.
                 int budget = EventHandler_getTimeout(handler);
-                if (budget > 0) {
+                if (handshaking && !SSLTransport_handshaking(ssl))
+                        EventHandler_setTimeout(handler, H->connectionTimeout);
+                else if (budget > 0) {
                         budget -= kHeadReadCost;
                         if (budget < 1) {
                                 Error_debug(

@@ -80,9 +80,9 @@ bool linkOnTheWay(char* path, size_t base) {
         return false;
 }
 
-// The client takes gzip, the size is worth it, and the type is not an application type.
-bool shouldCompress(HttpRequest_T req, const char* mimeType, off_t size) {
-        if (HttpRequest_getAcceptEncoding(req) != 1 || size <= 1024 || size >= 131072000)
+// The size is worth it, and the type is not an application type.
+bool compressible(const char* mimeType, off_t size) {
+        if (size <= 1024 || size >= 131072000)
                 return false;
         const char* registered = mimeType ? kernelseam::configMimeType(mimeType) : nullptr;
         return !(registered && Str_startsWith(registered, "application/"));
@@ -174,13 +174,18 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
         snprintf(etag, sizeof etag, "\"%ld-%lld\"", static_cast<long>(mtime),
                  static_cast<long long>(st.st_size));
         HttpResponse_setHeader(res, "ETag", "%s", etag);
+        // Such a file has two forms, and a shared cache must not give one for the other.
+        bool twoForms = compressible(mimeType, st.st_size);
+        if (twoForms)
+                HttpResponse_setHeader(res, "Vary", "Accept-Encoding");
         if (preconditionAnswered(req, res, etag, mtime))
                 return 1;
         if (!includeContent || st.st_size == 0) {
                 HttpResponse_setContentLength(res, 0);
                 return 1;
         }
-        FileMap_T map = FileCache_get(cache, shouldCompress(req, mimeType, st.st_size), path);
+        FileMap_T map =
+            FileCache_get(cache, twoForms && HttpRequest_getAcceptEncoding(req) == 1, path);
         if (!map) {
                 HttpResponse_sendError(res, 500, "Could not load the requested file");
                 return 1;

@@ -322,6 +322,11 @@ int SSLTransport_write(SSL_T ssl, const void* buffer, int size, int timeout) {
         return transfer(ssl, const_cast<void*>(buffer), size, timeout, false);
 }
 
+bool SSLTransport_handshaking(SSL_T ssl) {
+        assert(ssl);
+        return !SSL_is_init_finished(ssl->ssl);
+}
+
 struct ssl_st* SSLTransport_native(SSL_T ssl) {
         assert(ssl);
         return ssl->ssl;

@@ -18,6 +18,9 @@ int SSLTransport_read(SSL_T ssl, void* buffer, int size, int timeout);
 // ms, or -1.
 int SSLTransport_write(SSL_T ssl, const void* buffer, int size, int timeout);
 
+// Whether the handshake has yet to finish.
+bool SSLTransport_handshaking(SSL_T ssl);
+
 // The library's own connection object, for checks that look below this layer.
 struct ssl_st* SSLTransport_native(SSL_T ssl);
 

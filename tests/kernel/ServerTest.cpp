@@ -419,6 +419,8 @@ TEST_P(EndToEnd, ServesFilesAndPagesAndNothingOutside) {
         Reply gzip = get("/big.txt", "Accept-Encoding: gzip\r\n");
         EXPECT_EQ(gzip.status, 200);
         EXPECT_EQ(gzip.header("Content-Encoding"), "gzip");
+        EXPECT_EQ(file.header("Vary"), "Accept-Encoding");
+        EXPECT_EQ(gzip.header("Vary"), "Accept-Encoding");
         EXPECT_LT(gzip.body.size(), text.size() / 4);
         EXPECT_TRUE(gunzip(gzip.body) == text);
 
