@@ -1,9 +1,10 @@
 #include <limits.h>
 #include <stddef.h>
 
-#include <vesk/Mem.h>
 #include <vesk/Set.h>
 #include <vesk/assert.h>
+
+#include "Buckets.hpp"
 
 namespace {
 
@@ -14,9 +15,6 @@ struct Member {
 
 // 127 comes twice: a hint picks the largest entry below it, and every hint up to 509 gets 127.
 constexpr int primes[] = {127, 127, 509, 1021, 2053, 4093, 8191, 16381, 32771, 65521, INT_MAX};
-
-// Beyond this many recycled nodes a heap set gives removed nodes back to the heap.
-constexpr int kFreeLimit = 99;
 
 }  // namespace
 
@@ -36,50 +34,17 @@ struct Set_S {
 
 namespace {
 
-Member* new_member(Set_T S) {
-        Member* p = S->freelist;
-        if (p) {
-                S->freelist = p->link;
-                S->freecount--;
-                return p;
-        }
-        if (S->arena)
-                return static_cast<Member*>(
-                    Arena_alloc(S->arena, sizeof *p, "new_member", __FILE__, __LINE__));
-        return static_cast<Member*>(Mem_alloc(sizeof *p, "new_member", __FILE__, __LINE__));
-}
-
-inline Member** bucketOf(Set_T S, const void* member) {
-        return &S->buckets[S->hash(member) % (unsigned)S->size];
-}
-
-// The slot that points at the node of member, or at the terminating NULL of its chain.
-Member** find(Set_T S, Member** pp, const void* member) {
-        while (*pp && S->cmp(member, (*pp)->member) != 0)
-                pp = &(*pp)->link;
-        return pp;
-}
-
-inline Member** find(Set_T S, const void* member) {
-        return find(S, bucketOf(S, member), member);
-}
+using Chains = vesk::Buckets<Set_S, &Member::member, &Member::member>;
 
 // Adds a member known to be new, with no search.
 void insert(Set_T S, const void* member) {
-        Member** bucket = bucketOf(S, member);
-        Member* p = new_member(S);
-        p->member = member;
-        p->link = *bucket;
-        *bucket = p;
-        S->length++;
-        S->timestamp++;
+        Chains::add(S, Chains::bucketOf(S, member), "new_member")->member = member;
 }
 
 template <typename F>
 void each(Set_T S, F f) {
-        for (int i = 0; i < S->size; i++)
-                for (Member* p = S->buckets[i]; p; p = p->link)
-                        f(p->member);
+        for (Member* p : Chains::nodes(S))
+                f(p->member);
 }
 
 inline Set_T empty(Set_T like, int hint) {
@@ -107,17 +72,7 @@ Set_T Set_alloc(Arena_T arena, int hint, int (*cmp)(const void* x, const void* y
         assert(hint >= 0);
         assert(cmp);
         assert(hash);
-        int i;
-        for (i = 1; primes[i] < hint; i++)
-                ;
-        int size = primes[i - 1];
-        int nbytes = (int)(sizeof(struct Set_S) + size * sizeof(Member*));
-        Set_T S = static_cast<Set_T>(arena ? ARENA_CALLOC(arena, 1, nbytes) : CALLOC(1, nbytes));
-        S->size = size;
-        S->cmp = cmp;
-        S->hash = hash;
-        S->arena = arena;
-        return S;
+        return Chains::alloc(arena, vesk::bucketCount(primes, hint), cmp, hash, __func__);
 }
 
 Set_T Set_new(int hint, int (*cmp)(const void* x, const void* y),
@@ -128,63 +83,25 @@ Set_T Set_new(int hint, int (*cmp)(const void* x, const void* y),
 void Set_free(Set_T* S) {
         assert(S && *S);
         assert((*S)->arena == NULL);
-        Set_T s = *S;
-        for (int i = 0; i < s->size; i++)
-                for (Member *p = s->buckets[i], *q; p; p = q) {
-                        q = p->link;
-                        FREE(p);
-                }
-        for (Member *p = s->freelist, *q; p; p = q) {
-                q = p->link;
-                FREE(p);
-        }
-        FREE(*S);
+        Chains::dispose(S);
 }
 
 void Set_put(Set_T S, const void* member) {
         assert(S);
         assert(member);
-        Member* p = *find(S, member);
-        if (p) {
-                p->member = member;
-                S->timestamp++;
-        } else {
-                insert(S, member);
-        }
+        Chains::place(S, member, "new_member")->member = member;
 }
 
 int Set_member(Set_T S, const void* member) {
         assert(S);
         assert(member);
-        return *find(S, member) != NULL;
+        return *Chains::find(S, member) != NULL;
 }
 
 void* Set_remove(Set_T S, const void* member) {
         assert(S);
         assert(member);
-        // A miss counts as a change too, so a walk in progress stops either way.
-        S->timestamp++;
-        Member** pp = find(S, member);
-        Member* p = *pp;
-        if (!p)
-                return NULL;
-        *pp = p->link;
-        S->length--;
-        void* stored = const_cast<void*>(p->member);
-        if (S->arena == NULL && S->freecount > kFreeLimit) {
-                // A walk that had finished its chain resumes behind the removed node. A walk
-                // standing on the removed node must not keep a freed one.
-                if (S->iterator == NULL || S->iterator == p)
-                        S->iterator = p->link;
-                FREE(p);
-        } else {
-                if (S->iterator == p)
-                        S->iterator = p->link;
-                p->link = S->freelist;
-                S->freelist = p;
-                S->freecount++;
-        }
-        return stored;
+        return Chains::remove(S, member);
 }
 
 int Set_length(Set_T S) {
@@ -196,33 +113,20 @@ void Set_map(Set_T S, void (*apply)(const void* member, void* cl), void* cl) {
         assert(S);
         assert(apply);
         unsigned int stamp = S->timestamp;
-        for (int i = 0; i < S->size; i++)
-                for (Member* p = S->buckets[i]; p; p = p->link) {
-                        apply(p->member, cl);
-                        assert(S->timestamp == stamp);
-                }
+        for (Member* p : Chains::nodes(S)) {
+                apply(p->member, cl);
+                assert(S->timestamp == stamp);
+        }
 }
 
 void Set_rewind(Set_T S) {
         assert(S);
-        S->index = 0;
-        S->iterator = NULL;
+        Chains::rewind(S);
 }
 
 void* Set_next(Set_T S) {
         assert(S);
-        if (S->length < 1)
-                return NULL;
-        Member* p = S->iterator;
-        if (!p) {
-                while (S->index < S->size && !S->buckets[S->index])
-                        S->index++;
-                if (S->index >= S->size)
-                        return NULL;
-                p = S->buckets[S->index++];
-        }
-        S->iterator = p->link;
-        return const_cast<void*>(p->member);
+        return Chains::next(S);
 }
 
 Set_T Set_union(Set_T s, Set_T t) {
@@ -248,6 +152,14 @@ void addWhere(Set_T set, Set_T from, Set_T other, bool inOther) {
         });
 }
 
+// A new set, sized for the smaller operand, of the members of t that are (or are not) in s.
+Set_T filtered(Set_T s, Set_T t, bool inS) {
+        checkAgree(s, t);
+        Set_T set = empty(s, smaller(s->size, t->size));
+        addWhere(set, t, s, inS);
+        return set;
+}
+
 }  // namespace
 
 Set_T Set_inter(Set_T s, Set_T t) {
@@ -257,12 +169,10 @@ Set_T Set_inter(Set_T s, Set_T t) {
         }
         if (!t)
                 return empty(s, s->size);
+        // Walk the smaller set.
         if (s->length < t->length)
                 return Set_inter(t, s);
-        checkAgree(s, t);
-        Set_T set = empty(s, smaller(s->size, t->size));
-        addWhere(set, t, s, true);
-        return set;
+        return filtered(s, t, true);
 }
 
 Set_T Set_minus(Set_T t, Set_T s) {
@@ -272,10 +182,7 @@ Set_T Set_minus(Set_T t, Set_T s) {
         }
         if (!s)
                 return copy(t, t->size);
-        checkAgree(s, t);
-        Set_T set = empty(t, smaller(s->size, t->size));
-        addWhere(set, t, s, false);
-        return set;
+        return filtered(s, t, false);
 }
 
 Set_T Set_diff(Set_T s, Set_T t) {
@@ -285,9 +192,7 @@ Set_T Set_diff(Set_T s, Set_T t) {
         }
         if (!t)
                 return copy(s, s->size);
-        checkAgree(s, t);
-        Set_T set = empty(s, smaller(s->size, t->size));
-        addWhere(set, t, s, false);
+        Set_T set = filtered(s, t, false);
         addWhere(set, s, t, false);
         return set;
 }
