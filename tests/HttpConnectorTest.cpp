@@ -9,7 +9,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <chrono>
@@ -33,6 +32,7 @@
 #include <vesk/Reactor.h>
 #include <vesk/Wrapper.h>
 
+#include "Gzip.hpp"
 #include "Support.hpp"
 #include "TempDir.hpp"
 #include "TlsSupport.hpp"
@@ -216,20 +216,6 @@ std::string post(const std::string& path, const std::string& body, const std::st
                " HTTP/1.1\r\nHost: localhost\r\nContent-Type: "
                "application/x-www-form-urlencoded\r\nContent-Length: " +
                std::to_string(body.size()) + "\r\n" + extra + "\r\n" + body;
-}
-
-std::string gzip(const std::string& text) {
-        z_stream z = {};
-        EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
-        std::string out(deflateBound(&z, text.size()), '\0');
-        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-        z.avail_in = static_cast<uInt>(text.size());
-        z.next_out = reinterpret_cast<Bytef*>(out.data());
-        z.avail_out = static_cast<uInt>(out.size());
-        EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-        out.resize(z.total_out);
-        deflateEnd(&z);
-        return out;
 }
 
 /* --------------------------------------------------------------- Server */
