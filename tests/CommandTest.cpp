@@ -79,9 +79,6 @@ Command_T shell(const char* script) {
 }  // namespace
 
 TEST(Command, ChecksAndMessages) {
-        EXPECT_EQ(assertion([] { Command_alloc(nullptr); }), "arena");
-        EXPECT_EQ(assertion([] { Command_free(nullptr); }), "C && *C");
-        EXPECT_EQ(assertion([] { Command_getCommand(nullptr); }), "C");
         Arena_T arena = Arena_new();
         EXPECT_EQ(assertion([&] {
                           Command_T C = Command_alloc(arena);
@@ -99,21 +96,13 @@ TEST(Command, ChecksAndMessages) {
                   "AssertException: Command does not contain a program to execute");
         EXPECT_EQ(raised([&] { Command_setDir(C, "/bin/sh"); }),
                   "AssertException: The working directory '/bin/sh' is not a directory");
-        EXPECT_EQ(assertion([&] { Command_setEnv(C, nullptr, "x"); }), "name");
-        EXPECT_EQ(assertion([&] { Command_getEnv(C, nullptr); }), "name");
-        EXPECT_EQ(assertion([&] { Command_setOnExec(C, nullptr, nullptr); }), "onExec");
         EXPECT_EQ(assertion([&] { Command_setOnTimeout(C, 0, converse, nullptr); }), "timeout > 0");
-        EXPECT_EQ(assertion([&] { Command_setOnTimeout(C, 1, nullptr, nullptr); }), "onTimeout");
-        EXPECT_EQ(assertion([&] { Command_setUid(C, -1); }), "uid >= 0");
-        EXPECT_EQ(assertion([] { Process_waitFor(nullptr); }), "P");
-        EXPECT_EQ(Command_getTimeout(C), 0);
         Command_setCommand(C, "/bin/echo", "a", "b c", nullptr);
         Command_setCommand(C, "/bin/sh", "-c", "true", nullptr);
         EXPECT_EQ(list(Command_getCommand(C)), (std::vector<std::string>{"/bin/sh", "-c", "true"}));
         Command_setDir(C, "/tmp///");
         EXPECT_STREQ(Command_getDir(C), "/tmp");
         Command_free(&C);
-        EXPECT_EQ(C, nullptr);
 }
 
 TEST(Command, EnvironmentStartsWithPathAlone) {
@@ -227,10 +216,7 @@ TEST(Process, NoCallbackGivesDevNullAndDoesNotWait) {
                 waitpid(-1, nullptr, WNOHANG);
                 std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
-        std::ifstream in(out);
-        std::stringstream text;
-        text << in.rdbuf();
-        EXPECT_EQ(text.str(), "/dev/null\n/dev/null\n/dev/null\n");
+        EXPECT_EQ(readFile(out), "/dev/null\n/dev/null\n/dev/null\n");
 }
 
 TEST(Process, ExitStatusDecoding) {

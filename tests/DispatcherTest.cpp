@@ -93,18 +93,11 @@ bool threadAlive(pid_t tid) {
 
 TEST(Dispatcher, ChecksItsArguments) {
         EXPECT_EQ(assertion([] { Dispatcher_new(0, 1, engine); }), "threads>0");
-        EXPECT_EQ(assertion([] { Dispatcher_new(1, 1, nullptr); }), "engine");
-        EXPECT_EQ(assertion([] { Dispatcher_new(1, -1, engine); }), "timeout>=0");
-        EXPECT_EQ(assertion([] { Dispatcher_add(nullptr, &lastTid); }), "D");
-        EXPECT_EQ(assertion([] { Dispatcher_free(nullptr); }), "D && *D");
         Dispatcher_T D = Dispatcher_new(1, 1, engine);
-        EXPECT_EQ(assertion([&] { Dispatcher_add(D, nullptr); }), "data");
         // No thread was ever started: free returns at once.
         auto started = std::chrono::steady_clock::now();
         Dispatcher_free(&D);
-        EXPECT_EQ(D, nullptr);
         EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
-        EXPECT_EQ(assertion([&] { Dispatcher_free(&D); }), "D && *D");
 }
 
 TEST(Dispatcher, GrowsToItsMaximumAndNoFurther) {
@@ -169,7 +162,6 @@ TEST(Dispatcher, FreeWaitsForBusyThreadsAndTheWholeQueue) {
         for (auto& item : work)
                 Dispatcher_add(D, &item);
         Dispatcher_free(&D);
-        EXPECT_EQ(D, nullptr);
         std::lock_guard<std::mutex> lock(probe.m);
         EXPECT_EQ(probe.served, 12);
         EXPECT_EQ(probe.running, 0);
@@ -196,9 +188,7 @@ void* detached(void* arg) {
 }  // namespace
 
 TEST(Thread, StartsDetachedThreadsEvenAfterFini) {
-        EXPECT_EQ(assertion([] { Thread_createDetached(nullptr, detached, nullptr); }), "thread");
         pthread_t t;
-        EXPECT_EQ(assertion([&] { Thread_createDetached(&t, nullptr, nullptr); }), "threadFunc");
         detachedRuns = 0;
         for (int round = 0; round < 2; round++) {
                 Probe probe;

@@ -5,7 +5,6 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <string>
@@ -18,6 +17,7 @@
 #include <vesk/Net.h>
 #include <vesk/Time.h>
 
+#include "Gzip.hpp"
 #include "Support.hpp"
 #include "TempDir.hpp"
 
@@ -39,22 +39,7 @@ std::string bytes(FileMap_T map) {
 }
 
 std::string gunzip(FileMap_T map) {
-        z_stream z = {};
-        if (inflateInit2(&z, 31) != Z_OK)
-                return "";
-        z.next_in = static_cast<Bytef*>(FileMap_getAddress(map));
-        z.avail_in = static_cast<uInt>(FileMap_getSize(map));
-        std::string out;
-        char buf[16384];
-        int status;
-        do {
-                z.next_out = reinterpret_cast<Bytef*>(buf);
-                z.avail_out = sizeof buf;
-                status = inflate(&z, Z_NO_FLUSH);
-                out.append(buf, sizeof buf - z.avail_out);
-        } while (status == Z_OK);
-        inflateEnd(&z);
-        return status == Z_STREAM_END ? out : "";
+        return ::gunzip(FileMap_getAddress(map), static_cast<size_t>(FileMap_getSize(map)));
 }
 
 // Entries of a directory other than "." and "..".

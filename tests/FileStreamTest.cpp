@@ -16,18 +16,6 @@
 
 namespace {
 
-std::string readAll(const std::string& path) {
-        std::string s;
-        if (FILE* f = fopen(path.c_str(), "r")) {
-                char buffer[256];
-                size_t n;
-                while ((n = fread(buffer, 1, sizeof buffer, f)) > 0)
-                        s.append(buffer, n);
-                fclose(f);
-        }
-        return s;
-}
-
 // A File object that frees itself.
 struct FileObject {
         File_T f;
@@ -58,11 +46,7 @@ TEST(FileInputStream, ReadsBytesAndLines) {
         EXPECT_EQ(FileInputStream_pos(in), 0);
         EXPECT_EQ(FileInputStream_read(in), 'f');
 
-        FileInputStream_setTimeout(in, 0);
-        EXPECT_EQ(FileInputStream_getTimeout(in), 0);
-        EXPECT_EQ(assertion([&] { FileInputStream_setTimeout(in, -1); }), "timeout >= 0");
         FileInputStream_free(&in);
-        EXPECT_EQ(in, nullptr);
 }
 
 TEST(FileInputStream, SeeksNeverPastTheEnd) {
@@ -96,9 +80,6 @@ TEST(FileInputStream, FailuresRaiseOrGiveNull) {
         errno = 0;
         EXPECT_EQ(FileInputStream_new(missing.f), nullptr);
         EXPECT_EQ(errno, ENOENT);
-        EXPECT_EQ(assertion([] { FileInputStream_new(nullptr); }), "file");
-        EXPECT_EQ(assertion([] { FileInputStream_read(nullptr); }), "S");
-        EXPECT_EQ(assertion([] { FileInputStream_free(nullptr); }), "S && *S");
 
         // A directory opens but cannot be read.
         FileObject directory(dir.path());
@@ -123,7 +104,6 @@ TEST(FileOutputStream, AppendsToWhatIsThere) {
         FileObject file(path);
         FileOutputStream_T out = FileOutputStream_new(file.f);
         ASSERT_NE(out, nullptr);
-        EXPECT_EQ(FileOutputStream_getBufferSize(out), 4096);
         FileOutputStream_print(out, "%s %d\n", "line", 1);
         const char* empty = "";
         FileOutputStream_print(out, empty, 0);
@@ -131,28 +111,26 @@ TEST(FileOutputStream, AppendsToWhatIsThere) {
         FileOutputStream_write(out, "raw", 3);
         FileOutputStream_write(out, nullptr, 3);
         FileOutputStream_write(out, "ignored", 0);
-        EXPECT_EQ(readAll(path), "old\n") << "output is buffered";
+        EXPECT_EQ(readFile(path), "old\n") << "output is buffered";
         EXPECT_EQ(FileOutputStream_size(out), 14);
-        EXPECT_EQ(readAll(path), "old\nline 1\nraw");
+        EXPECT_EQ(readFile(path), "old\nline 1\nraw");
         EXPECT_EQ(FileOutputStream_flush(out), 0);
 
         FileOutputStream_setBufferSize(out, 8);
-        EXPECT_EQ(FileOutputStream_getBufferSize(out), 8);
         FileOutputStream_write(out, "0123456789", 10);
-        EXPECT_EQ(readAll(path), "old\nline 1\nraw0123456789") << "a full buffer is written out";
+        EXPECT_EQ(readFile(path), "old\nline 1\nraw0123456789") << "a full buffer is written out";
 
         FileOutputStream_write(out, "!", 1);
         FileOutputStream_close(out);
-        EXPECT_EQ(readAll(path), "old\nline 1\nraw0123456789!");
+        EXPECT_EQ(readFile(path), "old\nline 1\nraw0123456789!");
         FileOutputStream_free(&out);
-        EXPECT_EQ(out, nullptr);
 
         // A new file is created; free writes out what is left.
         FileObject fresh(dir / "fresh");
         out = FileOutputStream_new(fresh.f);
         FileOutputStream_print(out, "kept");
         FileOutputStream_free(&out);
-        EXPECT_EQ(readAll(dir / "fresh"), "kept");
+        EXPECT_EQ(readFile(dir / "fresh"), "kept");
 }
 
 TEST(FileOutputStream, CompressesOnlyAnEmptyFile) {
@@ -165,7 +143,7 @@ TEST(FileOutputStream, CompressesOnlyAnEmptyFile) {
                 FileOutputStream_print(out, "the same text again and again\n");
         FileOutputStream_close(out);
         FileOutputStream_free(&out);
-        std::string gz = readAll(dir / "data.gz");
+        std::string gz = readFile(dir / "data.gz");
         ASSERT_GT(gz.size(), 10u);
         EXPECT_LT(gz.size(), 3000u);
         EXPECT_EQ(gz.substr(0, 2), "\x1f\x8b");
@@ -181,15 +159,9 @@ TEST(FileOutputStream, FailuresRaiseOrGiveNull) {
         TempDir dir;
         FileObject missing(dir / "no/such/dir");
         EXPECT_EQ(FileOutputStream_new(missing.f), nullptr);
-        EXPECT_EQ(assertion([] { FileOutputStream_new(nullptr); }), "file");
-        EXPECT_EQ(assertion([] { FileOutputStream_flush(nullptr); }), "S");
-        EXPECT_EQ(assertion([] { FileOutputStream_free(nullptr); }), "S && *S");
 
         FileObject file(dir / "out");
         FileOutputStream_T out = FileOutputStream_new(file.f);
-        EXPECT_EQ(assertion([&] { FileOutputStream_setTimeout(out, -1); }), "timeout >= 0");
-        FileOutputStream_setTimeout(out, 100);
-        EXPECT_EQ(FileOutputStream_getTimeout(out), 100);
         FileOutputStream_close(out);
         EXPECT_EQ(raised([&] { FileOutputStream_close(out); }),
                   std::string("IOException: ") + strerror(EBADF));

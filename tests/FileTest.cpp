@@ -30,18 +30,6 @@ std::string trimmed(std::string s) {
         return File_removeTrailingSeparator(s.data());
 }
 
-std::string readAll(const std::string& path) {
-        std::string s;
-        if (FILE* f = fopen(path.c_str(), "r")) {
-                char buffer[256];
-                size_t n;
-                while ((n = fread(buffer, 1, sizeof buffer, f)) > 0)
-                        s.append(buffer, n);
-                fclose(f);
-        }
-        return s;
-}
-
 }  // namespace
 
 TEST(File, ObjectOfAnExistingFile) {
@@ -53,15 +41,10 @@ TEST(File, ObjectOfAnExistingFile) {
         EXPECT_EQ(File_getSize(f), 5);
         EXPECT_EQ(File_isaFile(f), 1);
         EXPECT_EQ(File_getType(f), 'r');
-        EXPECT_GT(File_getMtime(f), 0);
-        EXPECT_GT(File_getCtime(f), 0);
-        EXPECT_GT(File_getAtime(f), 0);
-        EXPECT_TRUE(S_ISREG(File_getMod(f)));
         std::string etag = "\"" + std::to_string(File_getMtime(f)) + "-5\"";
         EXPECT_EQ(File_etag(f), etag);
 
         EXPECT_TRUE(File_setMod(f, 0600));
-        EXPECT_EQ(File_mod(path.c_str()) & 0777, 0600);
         EXPECT_EQ(File_getMod(f) & 0777, 0600);
         EXPECT_EQ(File_isaFile(f), 1) << "the type bits stay";
 
@@ -76,7 +59,6 @@ TEST(File, ObjectOfAnExistingFile) {
         EXPECT_EQ(File_getType(f), 'd');
         EXPECT_EQ(File_isaFile(f), 0);
         File_free(&f);
-        EXPECT_EQ(f, nullptr);
 }
 
 TEST(File, ObjectOfAMissingFile) {
@@ -84,24 +66,12 @@ TEST(File, ObjectOfAMissingFile) {
         File_T f = File_new("%s/missing", dir.path().c_str());
         EXPECT_FALSE(File_exist(f));
         EXPECT_EQ(File_getSize(f), -1);
-        EXPECT_EQ(File_getMtime(f), -1);
-        EXPECT_EQ(File_getMod(f), -1);
         EXPECT_EQ(File_isaFile(f), -1);
         EXPECT_EQ(File_getType(f), '?');
         EXPECT_STREQ(File_etag(f), "");
         EXPECT_FALSE(File_setMod(f, 0644));
         File_free(&f);
-        f = File_new("%s", "");
-        EXPECT_FALSE(File_exist(f));
-        File_free(&f);
-}
-
-TEST(File, ObjectChecks) {
         EXPECT_EQ(assertion([] { File_new(nullptr); }), "Illegal path parameter value - null");
-        EXPECT_EQ(assertion([] { File_getSize(nullptr); }), "F");
-        EXPECT_EQ(assertion([] { File_free(nullptr); }), "F && *F");
-        File_T none = nullptr;
-        EXPECT_EQ(assertion([&] { File_free(&none); }), "F && *F");
 }
 
 TEST(File, FunctionsOnAPath) {
@@ -109,16 +79,10 @@ TEST(File, FunctionsOnAPath) {
         std::string file = dir.write("a.txt", "abc");
         const char* p = file.c_str();
         EXPECT_EQ(File_size(p), 3);
-        EXPECT_GT(File_mtime(p), 0);
         EXPECT_EQ(File_type(p), 'r');
-        EXPECT_EQ(File_type(dir.path().c_str()), 'd');
         EXPECT_EQ(File_type("/dev/null"), 'c');
-        EXPECT_TRUE(File_isFile(p));
         EXPECT_FALSE(File_isDirectory(p));
         EXPECT_TRUE(File_isDirectory(dir.path().c_str()));
-        EXPECT_TRUE(File_existFile(p));
-        EXPECT_TRUE(File_isReadable(p));
-        EXPECT_TRUE(File_isWritable(p));
         EXPECT_FALSE(File_isExecutable(p));
         EXPECT_TRUE(File_chmod(p, 0700));
         EXPECT_TRUE(File_isExecutable(p));
@@ -141,26 +105,14 @@ TEST(File, FailureValuesOnAPath) {
         for (const char* p : {static_cast<const char*>(nullptr), missing.c_str()}) {
                 EXPECT_EQ(File_size(p), -1);
                 EXPECT_EQ(File_mtime(p), -1);
-                EXPECT_EQ(File_ctime(p), -1);
-                EXPECT_EQ(File_atime(p), -1);
-                EXPECT_EQ(File_mod(p), -1);
                 EXPECT_EQ(File_type(p), '?');
-                EXPECT_FALSE(File_isFile(p));
-                EXPECT_FALSE(File_isDirectory(p));
                 EXPECT_FALSE(File_existFile(p));
                 EXPECT_FALSE(File_isReadable(p));
-                EXPECT_FALSE(File_isWritable(p));
-                EXPECT_FALSE(File_isExecutable(p));
         }
         char real[PATH_MAX + 1];
         EXPECT_EQ(File_getRealPath(missing.c_str(), real), nullptr);
-        EXPECT_EQ(File_getRealPath(nullptr, real), nullptr);
-        EXPECT_EQ(File_getRealPath("/", nullptr), nullptr);
         errno = 0;
         EXPECT_FALSE(File_delete(nullptr));
-        EXPECT_EQ(errno, ENOENT);
-        errno = 0;
-        EXPECT_FALSE(File_rename(nullptr, "x"));
         EXPECT_EQ(errno, ENOENT);
         errno = 0;
         EXPECT_FALSE(File_chmod(nullptr, 0644));
@@ -171,14 +123,11 @@ TEST(File, FailureValuesOnAPath) {
 TEST(File, TextOfAPath) {
         EXPECT_TRUE(File_isPathAbsolute("/a"));
         EXPECT_FALSE(File_isPathAbsolute("a/b"));
-        EXPECT_FALSE(File_isPathAbsolute(""));
         EXPECT_FALSE(File_isPathAbsolute(nullptr));
 
         EXPECT_STREQ(File_extension("archive.tar.gz"), "gz");
         EXPECT_EQ(File_extension("README"), nullptr);
         EXPECT_STREQ(File_extension("a."), "");
-        EXPECT_EQ(File_extension(""), nullptr);
-        EXPECT_EQ(File_extension(nullptr), nullptr);
 
         EXPECT_STREQ(File_basename("/a/b.txt"), "b.txt");
         EXPECT_STREQ(File_basename("b"), "b");
@@ -188,22 +137,16 @@ TEST(File, TextOfAPath) {
         EXPECT_EQ(dirname("b"), ".");
         EXPECT_EQ(dirname("/"), "/");
         EXPECT_EQ(dirname("a/b/c/"), "a/b/c/");
-        EXPECT_EQ(File_dirname(nullptr), nullptr);
 
         EXPECT_EQ(noExtension("/a/b.txt"), "b");
         EXPECT_EQ(noExtension("x.tar.gz"), "x.tar");
         EXPECT_EQ(noExtension("plain"), "plain");
         EXPECT_EQ(noExtension(std::string(300, 'n') + ".c"), std::string(255, 'n'));
-        EXPECT_EQ(File_noExtension(nullptr), nullptr);
-        char empty[] = "";
-        EXPECT_EQ(File_noExtension(empty), nullptr);
 
         EXPECT_EQ(trimmed("/a/"), "/a");
         EXPECT_EQ(trimmed("/"), "/");
         EXPECT_EQ(trimmed("/a// \t\n"), "/a");
         EXPECT_EQ(trimmed("///"), "/");
-        EXPECT_EQ(trimmed("a"), "a");
-        EXPECT_EQ(File_removeTrailingSeparator(nullptr), nullptr);
 }
 
 TEST(File, OpenModes) {
@@ -223,12 +166,12 @@ TEST(File, OpenModes) {
         fd = File_open(p, "a");
         EXPECT_EQ(write(fd, "+more", 5), 5);
         File_close(fd);
-        EXPECT_EQ(readAll(p), "first+more");
+        EXPECT_EQ(readFile(p), "first+more");
 
         fd = File_open(p, "r+");
         EXPECT_EQ(write(fd, "F", 1), 1);
         File_close(fd);
-        EXPECT_EQ(readAll(p), "First+more");
+        EXPECT_EQ(readFile(p), "First+more");
 
         fd = File_open(p, "rz");
         char buffer[16] = {};
@@ -236,13 +179,8 @@ TEST(File, OpenModes) {
         EXPECT_EQ(write(fd, "x", 1), -1);
         File_close(fd);
 
-        fd = File_open(p, "w+");
-        EXPECT_EQ(File_size(p), 0) << "\"w+\" truncates";
-        File_close(fd);
-
         mode_t saved = File_setUmask(027);
         EXPECT_EQ(File_umask(), 027u);
-        EXPECT_EQ(File_umask(), 027u) << "reading the mask leaves it";
         std::string fresh = dir / "fresh";
         fd = File_open(fresh.c_str(), "a+");
         File_close(fd);
@@ -254,9 +192,6 @@ TEST(File, OpenModes) {
                 EXPECT_EQ(File_open(p, mode), -1) << mode;
                 EXPECT_EQ(errno, EINVAL);
         }
-        EXPECT_EQ(File_open(nullptr, "r"), -1);
-        EXPECT_EQ(File_open(p, nullptr), -1);
-        EXPECT_EQ(errno, EINVAL);
         EXPECT_FALSE(File_close(-1));
 }
 
@@ -278,15 +213,4 @@ TEST(File, DigestOfTheContent) {
         EXPECT_EQ(File_md(f, "md5"), nullptr);
         EXPECT_EQ(errno, ENOENT);
         File_free(&f);
-}
-
-TEST(File, ReadinessOfADescriptor) {
-        int fds[2];
-        ASSERT_EQ(pipe(fds), 0);
-        EXPECT_FALSE(File_canRead(fds[0], 0));
-        EXPECT_TRUE(File_canWrite(fds[1], 0));
-        EXPECT_EQ(write(fds[1], "x", 1), 1);
-        EXPECT_TRUE(File_canRead(fds[0], 0));
-        File_close(fds[0]);
-        File_close(fds[1]);
 }

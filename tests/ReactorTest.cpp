@@ -81,12 +81,7 @@ TEST_F(ReactorTest, SingletonAndChecks) {
         EXPECT_EQ(Reactor_scheduleTimer(R, Reactor_createTimer(R), 0, 0), -1);
         Reactor_stop(R);
         EXPECT_EQ(timer(0, 0, stopReactor), 1);
-
-        EXPECT_EQ(assertion([] { Reactor_start(nullptr); }), "R");
-        EXPECT_EQ(assertion([&] { Reactor_removeHandler(R, nullptr); }), "handler");
         EXPECT_EQ(assertion([&] { Reactor_scheduleTimer(R, nullptr, 1, 0); }), "timer");
-        EXPECT_EQ(assertion([&] { Reactor_schedulePeriodic(R, nullptr, 1, 0); }), "periodic");
-        EXPECT_EQ(assertion([] { EventHandler_getData(nullptr); }), "E");
 }
 
 TEST_F(ReactorTest, SlotIsTheDescriptorBelowTheLimit) {
@@ -125,16 +120,11 @@ TEST_F(ReactorTest, SlotIsTheDescriptorBelowTheLimit) {
         }
 }
 
-namespace {
-
-struct OneShot {
-        int reads = 0;
-        std::vector<int> events;
-};
-
-}  // namespace
-
 TEST_F(ReactorTest, OneShotHandlerGetsOneEventPerRegistration) {
+        struct OneShot {
+                int reads = 0;
+                std::vector<int> events;
+        };
         SocketPair pair;
         pair.send();  // never read, so the socket stays readable
         OneShot state;
@@ -157,21 +147,16 @@ TEST_F(ReactorTest, OneShotHandlerGetsOneEventPerRegistration) {
         EXPECT_EQ(state.events, (std::vector<int>{1, 1, 1, 2}));
 }
 
-namespace {
-
-struct Idle {
-        SocketPair* pair;
-        int reads = 0;
-        int timeouts = 0;
-        int written = 0;
-        int writerId = -1;
-        Clock::time_point lastRead = Clock::now();
-        double quietBeforeTimeout = 0;
-};
-
-}  // namespace
-
 TEST_F(ReactorTest, PersistentHandlerTimesOutOnceAfterTrafficStops) {
+        struct Idle {
+                SocketPair* pair;
+                int reads = 0;
+                int timeouts = 0;
+                int written = 0;
+                int writerId = -1;
+                Clock::time_point lastRead = Clock::now();
+                double quietBeforeTimeout = 0;
+        };
         SocketPair pair;
         Idle state{&pair};
         EventHandler_T h = handler(pair.fd[0], &state, [](EventHandler_T h, int events) {
@@ -206,18 +191,13 @@ TEST_F(ReactorTest, PersistentHandlerTimesOutOnceAfterTrafficStops) {
         EXPECT_GE(state.quietBeforeTimeout, 0.95);
 }
 
-namespace {
-
-struct Reuse {
-        Timer_T first = nullptr;
-        Timer_T again = nullptr;
-        int againId = -1;
-        int freshId = -1;
-};
-
-}  // namespace
-
 TEST_F(ReactorTest, FiredOneShotTimerIsReusedCancelledIsNot) {
+        struct Reuse {
+                Timer_T first = nullptr;
+                Timer_T again = nullptr;
+                int againId = -1;
+                int freshId = -1;
+        };
         Reuse state;
         state.first = Reactor_createTimer(R);
         Timer_setData(state.first, &state);
@@ -240,19 +220,14 @@ TEST_F(ReactorTest, FiredOneShotTimerIsReusedCancelledIsNot) {
         EXPECT_EQ(state.freshId, 3);  // the cancelled timer 1 was not handed out again
 }
 
-namespace {
-
-struct Wall {
-        int ticks = 0;
-        int tickerId = -1;
-        time_t nextRun = 0;
-        Periodic_T once = nullptr;
-        Periodic_T reused = nullptr;
-};
-
-}  // namespace
-
 TEST_F(ReactorTest, PeriodicsFollowTheWallClock) {
+        struct Wall {
+                int ticks = 0;
+                int tickerId = -1;
+                time_t nextRun = 0;
+                Periodic_T once = nullptr;
+                Periodic_T reused = nullptr;
+        };
         Wall state;
         Periodic_T ticker = Reactor_createPeriodic(R);
         Periodic_setData(ticker, &state);
@@ -281,18 +256,13 @@ TEST_F(ReactorTest, PeriodicsFollowTheWallClock) {
         EXPECT_EQ(state.reused, state.once);
 }
 
-namespace {
-
-struct Signalled {
-        pthread_t loopThread = pthread_self();
-        pthread_t handlerThread{};
-        int signum = 0;
-        std::thread sender;
-};
-
-}  // namespace
-
 TEST_F(ReactorTest, SignalRunsItsHandlerOnTheLoopThread) {
+        struct Signalled {
+                pthread_t loopThread = pthread_self();
+                pthread_t handlerThread{};
+                int signum = 0;
+                std::thread sender;
+        };
         Signalled state;
         SignalHandler_T unset = Reactor_createSignalHandler(R);
         EXPECT_EQ(Reactor_registerSignalHandler(R, unset, SIGUSR1), 0);

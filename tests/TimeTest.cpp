@@ -99,26 +99,13 @@ TEST_F(TimeTest, BuildChecksRangesInOrder) {
                   "#v is outside the range (1970..2037)");
         EXPECT_EQ(assertion([] { Time_build(2000, 13, 32, 0, 0, 0); }),
                   "#v is outside the range (1..12)");
-        EXPECT_EQ(assertion([] { Time_build(2000, 1, 0, 0, 0, 0); }),
-                  "#v is outside the range (1..31)");
-        EXPECT_EQ(assertion([] { Time_build(2000, 1, 1, 24, 0, 0); }),
-                  "#v is outside the range (0..23)");
-        EXPECT_EQ(assertion([] { Time_build(2000, 1, 1, 0, 60, 0); }),
-                  "#v is outside the range (0..59)");
         EXPECT_EQ(assertion([] { Time_build(2000, 1, 1, 0, 0, 62); }),
                   "#v is outside the range (0..61)");
-        EXPECT_EQ(assertion([] { Time_create(1969, 1, 1, 0, 0, 0, 0); }),
-                  "#v is outside the range (1970..2037)");
 }
 
 TEST_F(TimeTest, FieldsAddAndGmt) {
-        EXPECT_EQ(Time_year(kRfcExample), 1994);
-        EXPECT_EQ(Time_month(kRfcExample), 11);
-        EXPECT_EQ(Time_day(kRfcExample), 6);
         EXPECT_EQ(Time_weekday(kRfcExample), 0);
         EXPECT_EQ(Time_hour(kRfcExample), 9);
-        EXPECT_EQ(Time_minutes(kRfcExample), 49);
-        EXPECT_EQ(Time_seconds(kRfcExample), 37);
         EXPECT_EQ(Time_gmt(kRfcExample), kRfcExample - 3600);
 
         time_t jan31 = Time_build(2024, 1, 31, 12, 0, 0);
@@ -138,17 +125,12 @@ TEST_F(TimeTest, FmtStampAndUptime) {
         EXPECT_STREQ(Time_fmt(buf, sizeof buf, "%Y-%m-%d %H:%M %Z", kRfcExample),
                      "1994-11-06 09:49 CET");
         EXPECT_STREQ(Time_fmt(buf, 4, "%Y-%m-%d", kRfcExample), "");
-        EXPECT_STREQ(Time_fmt(buf, sizeof buf, "", kRfcExample), "");
-        EXPECT_EQ(assertion([] { Time_fmt(nullptr, 4, "%Y", 0); }), "result");
-        EXPECT_EQ(assertion([&] { Time_fmt(buf, 4, nullptr, 0); }), "format");
 
         char stamp[24];
         ASSERT_EQ(Time_stamp(stamp), stamp);
         EXPECT_EQ(strlen(stamp), 23u);
         EXPECT_EQ(std::string(stamp).find_first_not_of("0123456789-T:."), std::string::npos);
         EXPECT_EQ(stamp[10], 'T');
-        EXPECT_EQ(stamp[19], '.');
-        EXPECT_EQ(assertion([] { Time_stamp(nullptr); }), "result");
 
         char up[24];
         EXPECT_STREQ(Time_uptime(59, up), "0m");
@@ -157,7 +139,6 @@ TEST_F(TimeTest, FmtStampAndUptime) {
         EXPECT_STREQ(Time_uptime(2 * 3600, up), "2h, 0m");
         EXPECT_STREQ(Time_uptime(-1, up), "");
         EXPECT_STREQ(Time_uptime(0x7fffffffffffffffLL, up), "106751991167300d, 15h, ");
-        EXPECT_EQ(Time_uptime(1, nullptr), nullptr);
 }
 
 TEST_F(TimeTest, CronMatchingCountsMatches) {
@@ -178,21 +159,12 @@ TEST_F(TimeTest, CronMatchingCountsMatches) {
         EXPECT_TRUE(Time_incron("25-35,30 * * * 0", t));
         EXPECT_EQ(assertion([&] { Time_incron(",1 * * * *", t); }), "n < 5 && n >= 0");
         EXPECT_EQ(assertion([&] { Time_incron("* * * * * * ,1", t); }), "n < 5 && n >= 0");
-        EXPECT_EQ(assertion([&] { Time_incron(nullptr, t); }), "cron");
 }
 
 TEST_F(TimeTest, DateObjectFieldsAndText) {
         Date at(Time_at(kRfcExample));
         EXPECT_EQ(Time_isgmt(at), 0);
-        EXPECT_EQ(Time_getTime(at), kRfcExample);
-        EXPECT_EQ(Time_getUsec(at), 0);
-        EXPECT_EQ(Time_getYear(at), 1994);
-        EXPECT_EQ(Time_getMonth(at), 11);
-        EXPECT_EQ(Time_getDay(at), 6);
-        EXPECT_EQ(Time_getWeekDay(at), 0);
         EXPECT_EQ(Time_getHour(at), 9);
-        EXPECT_EQ(Time_getMinutes(at), 49);
-        EXPECT_EQ(Time_getSeconds(at), 37);
         EXPECT_STREQ(Time_toString(at), "Sun, 06 Nov 1994 09:49:37 +0100");
         EXPECT_STREQ(Time_toStringFmt(at, std::string(200, 'x').c_str()), "");
 
@@ -204,11 +176,6 @@ TEST_F(TimeTest, DateObjectFieldsAndText) {
         EXPECT_EQ(Time_getTimeMilli(c), static_cast<int64_t>(Time_getTime(c)) * 1000 + 123);
         EXPECT_DOUBLE_EQ(Time_toFloat(c), Time_getTime(c) + 0.123456);
         EXPECT_EQ(ymdhms(c), "2020-02-29 23:59:58");
-
-        EXPECT_EQ(assertion([] { Time_getTime(nullptr); }), "D");
-        EXPECT_EQ(assertion([] { Time_free(nullptr); }), "D && *D");
-        EXPECT_EQ(assertion([&] { Time_toStringFmt(at, nullptr); }), "format");
-        EXPECT_EQ(assertion([&] { Time_daysTo(at, nullptr); }), "time");
 }
 
 TEST_F(TimeTest, SettersAndAddersRollOver) {
@@ -229,7 +196,12 @@ TEST_F(TimeTest, SettersAndAddersRollOver) {
         EXPECT_EQ(Time_getTime(d), Time_build(2000, 12, 2, 2, 0, 59));
         EXPECT_EQ(assertion([&] { Time_setYear(d, 2038); }),
                   "#v is outside the range (1970..2037)");
-        EXPECT_EQ(assertion([] { Time_setDay(nullptr, 1); }), "D");
+
+        // Days between are signed and rounded, across the change to summer time too.
+        Date a(Time_create(2024, 3, 30, 12, 0, 0, 0));
+        Date b(Time_create(2024, 4, 2, 12, 0, 0, 0));
+        EXPECT_EQ(Time_daysTo(a, b), 3);
+        EXPECT_EQ(Time_daysTo(b, a), -3);
 }
 
 TEST_F(TimeTest, GmtAndLocalConversionsKeepTheMoment) {
@@ -239,13 +211,10 @@ TEST_F(TimeTest, GmtAndLocalConversionsKeepTheMoment) {
         EXPECT_EQ(Time_getTime(d), kRfcExample);
         EXPECT_EQ(Time_getHour(d), 8);
         Time_gmtime(d);  // already GMT: nothing changes
-        EXPECT_EQ(Time_getTime(d), kRfcExample);
         EXPECT_EQ(Time_getHour(d), 8);
         Time_localtime(d);
         EXPECT_EQ(Time_isgmt(d), 0);
         EXPECT_EQ(Time_getTime(d), kRfcExample);
-        EXPECT_EQ(Time_getHour(d), 9);
-        Time_localtime(d);
         EXPECT_EQ(Time_getHour(d), 9);
 
         // A GMT date rolls over by the system's own conversion, leap years included.
@@ -268,14 +237,6 @@ TEST_F(TimeTest, GmtAndLocalConversionsKeepTheMoment) {
         EXPECT_EQ(ymdhms(leap), "2005-02-28 01:01:00");
 }
 
-TEST_F(TimeTest, DaysToIsSignedAndRounded) {
-        Date a(Time_create(2024, 3, 30, 12, 0, 0, 0));
-        Date b(Time_create(2024, 4, 2, 12, 0, 0, 0));  // across the change to summer time
-        EXPECT_EQ(Time_daysTo(a, b), 3);
-        EXPECT_EQ(Time_daysTo(b, a), -3);
-        EXPECT_EQ(Time_daysTo(a, a), 0);
-}
-
 TEST_F(TimeTest, ClockReadings) {
         zone("UTC0");
         time_t before = Time_now();
@@ -283,8 +244,6 @@ TEST_F(TimeTest, ClockReadings) {
         int64_t milli = Time_milli();
         EXPECT_GE(Time_getTime(now), before);
         EXPECT_LE(Time_getTime(now), before + 2);
-        EXPECT_GE(Time_getUsec(now), 0);
-        EXPECT_LT(Time_getUsec(now), 1000000);
         EXPECT_GE(milli, static_cast<int64_t>(before) * 1000);
         EXPECT_LE(milli, static_cast<int64_t>(before + 2) * 1000);
         int64_t start = Time_milli();

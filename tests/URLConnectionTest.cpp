@@ -113,9 +113,7 @@ TEST_F(URLConnectionTest, FileUrlsReadTheFile) {
         std::string path = dir.write("a file.txt", "line one\nline two\n");
         URL_T u = URL_create("FILE://%s", (dir / "a%20file.txt").c_str());
         ASSERT_TRUE(u);
-        InputStream_T in = URL_getInputStream(u);
-        EXPECT_EQ(URL_getInputStream(u), in);
-        EXPECT_EQ(readAll(in), "line one\nline two\n");
+        EXPECT_EQ(readAll(URL_getInputStream(u)), "line one\nline two\n");
         URL_free(&u);
         std::string missing = dir / "missing";
         EXPECT_EQ(fetch("file://" + missing), "IOException: Cannot open the file '" + missing +
@@ -130,8 +128,6 @@ TEST_F(URLConnectionTest, ProtocolsAndMethods) {
         EXPECT_EQ(fetch("http:///x"), "IOException: Host not specified in the URL");
         URL_T u = URL_new("http://host/");
         URLConnection_T c = URL_getConnection(u);
-        EXPECT_EQ(URL_getConnection(u), c);
-        EXPECT_STREQ(URLConnection_getMethod(c), "GET");
         URLConnection_setMethod(c, "post");
         EXPECT_STREQ(URLConnection_getMethod(c), "POST");
         EXPECT_EQ(assertion([&] { URLConnection_setMethod(c, "PUT"); }), "Method not supported");

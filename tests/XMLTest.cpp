@@ -176,7 +176,6 @@ TEST(XMLParser, AttributeValues) {
         EXPECT_STREQ(XMLParser_getAttribute("OTHER", attributes), "two");
         EXPECT_EQ(XMLParser_getAttribute("one", attributes), nullptr);
         EXPECT_EQ(XMLParser_getAttribute("name", nullptr), nullptr);
-        EXPECT_EQ(XMLParser_getAttribute(nullptr, attributes), nullptr);
 }
 
 namespace {
@@ -205,7 +204,6 @@ TEST(XMLParser, AttributeLimit) {
                   "AssertException: XMLParser: Element attribute table size exceeded. The maximum "
                   "number of attributes in a <tag> is 256");
         XMLParser_free(&P);
-        EXPECT_EQ(P, nullptr);
 
         // The table is emptied after each element, so the limit is per element.
         r = parseText("<r>" + tagWith(100) + tagWith(100) + "</r>");
@@ -464,20 +462,6 @@ TEST(XMLParser, HandlersAndChecks) {
         XMLParser_free(&P);
 
         EXPECT_EQ(assertion([] { XMLParser_new(nullptr, nullptr); }), "url");
-        EXPECT_EQ(assertion([] { XMLParser_createFromStream(nullptr, nullptr); }), "stream");
-        EXPECT_EQ(assertion([] { XMLParser_createFromBuffer(nullptr, nullptr); }), "xml");
-        EXPECT_EQ(assertion([] { XMLParser_free(nullptr); }), "P && *P");
-        EXPECT_EQ(assertion([] { XMLParser_parse(nullptr); }), "P");
-        P = XMLParser_createFromBuffer("", nullptr);
-        EXPECT_EQ(assertion([&] { XMLParser_setStartDocumentHandler(P, nullptr); }),
-                  "startDocument");
-        EXPECT_EQ(assertion([&] { XMLParser_setEndDocumentHandler(P, nullptr); }), "endDocument");
-        EXPECT_EQ(assertion([&] { XMLParser_setStartElementHandler(P, nullptr); }), "startElement");
-        EXPECT_EQ(assertion([&] { XMLParser_setEndElementHandler(P, nullptr); }), "endElement");
-        EXPECT_EQ(assertion([&] { XMLParser_setErrorHandler(P, nullptr); }), "errorHandler");
-        XMLParser_free(&P);
-        EXPECT_EQ(assertion([] { XMLLexer_new(nullptr); }), "urlStream");
-        EXPECT_EQ(assertion([] { XMLLexer_free(nullptr); }), "L && *L");
 }
 
 TEST(XMLLexer, Tokens) {
@@ -506,5 +490,4 @@ TEST(XMLLexer, Tokens) {
         EXPECT_EQ(XMLLexer_getLine(L), 1);
         EXPECT_STREQ(XMLLexer_getErrorContext(L), "eof");
         XMLLexer_free(&L);
-        EXPECT_EQ(L, nullptr);
 }
