@@ -9,7 +9,6 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <zlib.h>
 
 #include <gtest/gtest.h>
 
@@ -25,6 +24,7 @@
 #include <vesk/Exception.h>
 #include <vesk/Reactor.h>
 
+#include "../Gzip.hpp"
 #include "KernelSupport.hpp"
 
 extern char** environ;
@@ -43,11 +43,6 @@ bool eventually(const std::function<bool()>& done) {
 
 bool exists(const std::string& path) {
         return access(path.c_str(), F_OK) == 0;
-}
-
-std::string slurp(const std::string& path) {
-        std::ifstream in(path, std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 sockaddr_in loopback(int port) {
@@ -151,24 +146,6 @@ Reply roundTrip(int port, const std::string& text) {
         Reply r = parse(readAll(s));
         close(s);
         return r;
-}
-
-std::string gunzip(const std::string& data) {
-        z_stream z{};
-        inflateInit2(&z, 16 + MAX_WBITS);
-        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(data.data()));
-        z.avail_in = static_cast<uInt>(data.size());
-        std::string out;
-        char buffer[16384];
-        int rc;
-        do {
-                z.next_out = reinterpret_cast<Bytef*>(buffer);
-                z.avail_out = sizeof buffer;
-                rc = inflate(&z, Z_NO_FLUSH);
-                out.append(buffer, sizeof buffer - z.avail_out);
-        } while (rc == Z_OK);
-        inflateEnd(&z);
-        return rc == Z_STREAM_END ? out : "<not gzip>";
 }
 
 // A home with two hosts: "localhost" (also 127.0.0.1) with ROOT and the application /app,
@@ -327,7 +304,7 @@ protected:
 
 TEST_P(EndToEnd, MapsHostsApplicationsAndServlets) {
         Server server(home, GetParam());
-        ASSERT_TRUE(server.ready()) << server.failure() << slurp(home / "logs/launcher.out");
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
 
         struct Case {
                 std::string uri, host;
@@ -384,7 +361,7 @@ TEST_P(EndToEnd, MapsHostsApplicationsAndServlets) {
         EXPECT_EQ(get("/app/echo").body, "echo two");
 
         EXPECT_EQ(server.stop(), 0);
-        EXPECT_TRUE(contains(slurp(home / "logs/error.log"),
+        EXPECT_TRUE(contains(readFile(home / "logs/error.log"),
                              "when calling servlet 'failinit' init method -- init of failinit "
                              "failed"));
 }
@@ -400,7 +377,7 @@ TEST_P(EndToEnd, ServesFilesAndPagesAndNothingOutside) {
         std::string large(16 << 20, 'a');
         home.write("webapps/ROOT/large.txt", large);
         Server server(home, GetParam());
-        ASSERT_TRUE(server.ready()) << server.failure() << slurp(home / "logs/launcher.out");
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
 
         Reply file = get("/big.txt");
         EXPECT_EQ(file.status, 200);
@@ -468,7 +445,7 @@ TEST_P(EndToEnd, ServesFilesAndPagesAndNothingOutside) {
 
 TEST_P(EndToEnd, StopLetsRequestsInFlightFinish) {
         Server server(home, GetParam());
-        ASSERT_TRUE(server.ready()) << server.failure() << slurp(home / "logs/launcher.out");
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         std::future<Reply> inFlight =
             std::async(std::launch::async, [&] { return get("/app/slow?ms=1500"); });
         ASSERT_TRUE(eventually([&] { return exists(home / "webapps/app/slow.started"); }));
