@@ -441,6 +441,8 @@ TEST_P(EndToEnd, ServesFilesAndPagesAndNothingOutside) {
         EXPECT_EQ(old.body.size(), large.size());
         EXPECT_TRUE(old.body == large);
         EXPECT_TRUE(get("/large.txt").body == replaced);
+        // Under the sanitizers a leak or fault in the server shows in its exit status.
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
 TEST_P(EndToEnd, StopLetsRequestsInFlightFinish) {
