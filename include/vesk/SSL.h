@@ -27,7 +27,7 @@ typedef struct SSL_S* SSL_T;
 VESK_API void SSLStart(void);
 /* Undoes SSLStart at the end of the process. */
 VESK_API void SSLStop(void);
-/* Clears the calling thread's TLS error queue; called after each request. */
+/* Frees the calling thread's TLS error queue and state; called after each request. */
 VESK_API void SSLThreadCleanup(void);
 /* A server context from the PEM file with the OpenSSL cipher list ciphers. */
 VESK_API SSL_T SSLNew(const char* file, const char* ciphers);

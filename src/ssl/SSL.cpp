@@ -5,6 +5,7 @@
 #include <atomic>
 #include <memory>
 
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/ssl.h>
 
@@ -185,7 +186,10 @@ void SSLStop(void) {
 }
 
 void SSLThreadCleanup(void) {
-        ERR_clear_error();
+        // Frees the thread's error queue and other per-thread state, rather than clearing
+        // it: a processor thread may end at any time afterwards, and whatever it leaves
+        // is only reclaimed once it has fully exited.
+        OPENSSL_thread_stop();
 }
 
 SSL_T SSLNew(const char* file, const char* ciphers) {

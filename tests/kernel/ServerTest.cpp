@@ -360,7 +360,7 @@ TEST_P(EndToEnd, MapsHostsApplicationsAndServlets) {
         installModule(home / "webapps/app/WEB-INF/classes", "echo_two", "echo", time(nullptr) + 10);
         EXPECT_EQ(get("/app/echo").body, "echo two");
 
-        EXPECT_EQ(server.stop(), 0);
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
         EXPECT_TRUE(contains(readFile(home / "logs/error.log"),
                              "when calling servlet 'failinit' init method -- init of failinit "
                              "failed"));
