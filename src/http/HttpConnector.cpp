@@ -439,10 +439,10 @@ void _processResponse(EventHandler_T handler, int revents) {
         EventHandler_setData(writer, inet);
         EventHandler_setHandler(writer, s_endResponse);
         EventHandler_setTimeout(writer, connectorseam::keepAliveTimeout);
-        if (!Reactor_registerHandler(H->reactor, writer, Reactor_Write)) {
-                settle(H);
-                _sendError(inet, 500, "Could not register with Reactor");
-        }
+        // The connection sat idle while its request was processed, so its socket almost
+        // always takes the answer now: write at once, and wait for the socket only for
+        // what it did not take.
+        s_endResponse(writer, Reactor_Write);
 }
 
 // One line in the combined log format, written once the response has gone out in full.

@@ -81,11 +81,16 @@ int getPid(const char* pidfile) {
 }  // namespace
 
 void OS_initialize(void) {
-        // Servlets and child processes never see the launcher's environment.
+        // The time zone the server started in is kept, and named when it was not: without
+        // TZ the C library reads /etc/localtime again at every mktime, once per response.
+        static char zone[256];
+        const char* tz = getenv("TZ");
+        snprintf(zone, sizeof zone, "TZ=%s", tz ? tz : ":/etc/localtime");
+        // Servlets and child processes never see the rest of the launcher's environment.
         if (environ)
                 environ[0] = nullptr;
         static char path[] = "PATH=/bin:/usr/bin:/sbin:/usr/sbin";
-        if (putenv(path) != 0)
+        if (putenv(path) != 0 || putenv(zone) != 0)
                 THROW(AssertException, "Cannot set the PATH variable -- %s", System_getLastError());
         Container_Concurrency = OS_concurrency();
 }
