@@ -7,7 +7,7 @@
 #   sh bench/static.sh [seconds, default 10] [connections, default 64] [threads, default 2]
 #
 # Installs wrk and nginx (Debian packages) when they are missing, which needs root. Builds
-# the release tree and runs the server from a copy of its example home on a free port.
+# a release tree in build/bench and runs the server from a copy of its example home on a free port.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-10}
