@@ -5,7 +5,8 @@
 #   sh bench/hello.sh [seconds, default 10] [connections, default 64] [threads, default 2]
 #
 # Installs wrk and nginx (Debian packages) when they are missing, which needs root. Builds
-# a release tree in build/bench and runs the server from a copy of its example home on a free port.
+# a release tree in build/bench and runs the server from a copy of its example home on a
+# free port.
 set -eu
 cd "$(dirname "$0")/.."
 seconds=${1:-10}
