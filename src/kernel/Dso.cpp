@@ -7,6 +7,14 @@
 
 namespace {
 
+// Reads the linker's last error away, which also frees the record it keeps for this
+// thread; processor threads come and go, and one ending as the process exits would
+// leave the record behind.
+void clearError() {
+        while (dlerror()) {
+        }
+}
+
 template <typename F>
 F symbol(void* handle, const char* name) {
         return reinterpret_cast<F>(dlsym(handle, name));
@@ -29,6 +37,7 @@ Wrapper_T load(Wrapper_T W) {
                 const char* error = dlerror();
                 Error_error("Loader: Error loading servlet '%s' -- %s\n", Wrapper_getName(W),
                             error ? error : "unknown error");
+                clearError();
                 Wrapper_free(&W);
                 return nullptr;
         }
@@ -42,7 +51,7 @@ Wrapper_T load(Wrapper_T W) {
         Wrapper_setDoPut(W, symbol<Wrapper_Service>(handle, "doPut"));
         Wrapper_setDoTrace(W, symbol<Wrapper_Service>(handle, "doTrace"));
         Wrapper_setDoOptions(W, symbol<Wrapper_Service>(handle, "doOptions"));
-        dlerror();
+        clearError();
         return W;
 }
 
@@ -63,11 +72,12 @@ int Dso_unLoad(Wrapper_T W) {
         void* handle = Wrapper_getHandle(W);
         if (!handle)
                 return true;
-        dlerror();
+        clearError();
         if (dlclose(handle) != 0) {
                 const char* error = dlerror();
                 Error_error("Loader: Error unloading Servlet '%s' -- %s\n", Wrapper_getName(W),
                             error ? error : "unknown error");
+                clearError();
                 return false;
         }
         Wrapper_setHandle(W, nullptr);
