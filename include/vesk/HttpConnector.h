@@ -24,7 +24,7 @@ VESK_BEGIN_DECLS
 
 /* A connector with the defaults: port 8080, IPv4, all interfaces, "http", 128 processor
    threads ending after 30 idle seconds, a 30 s read timeout, bodies up to 51200000 bytes
-   of which up to 32768 are kept in memory. */
+   of which up to 32768 are kept in memory, lenient parsing. */
 VESK_API HttpConnector_T HttpConnector_new(void);
 /* Frees the listening socket and the processor pool if any, the texts and H; clears *H. */
 VESK_API void HttpConnector_free(HttpConnector_T* H);
@@ -74,6 +74,12 @@ VESK_API int HttpConnector_getContentLengthLimit(HttpConnector_T H);
 /* Bodies up to this many bytes are kept in memory, larger ones in a temporary file. */
 VESK_API void HttpConnector_setContentLengthBufferLimit(HttpConnector_T H, int limit);
 VESK_API int HttpConnector_getContentLengthBufferLimit(HttpConnector_T H);
+/* When on, request heads are held to the standard's stricter rules: several or non-numeric
+   Content-Length headers, Content-Length with Transfer-Encoding, a Transfer-Encoding other
+   than chunked, folded lines, blanks before a colon, several Host headers and a Host that is
+   no host name get 400 naming the header. Off, the default, reads them leniently. */
+VESK_API void HttpConnector_setStrict(HttpConnector_T H, int strict);
+VESK_API int HttpConnector_getStrict(HttpConnector_T H);
 /* The Engine that maps requests to applications; not owned. */
 VESK_API void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine);
 VESK_API Engine_T HttpConnector_getEngine(HttpConnector_T H);

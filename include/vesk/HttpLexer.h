@@ -9,6 +9,9 @@
  * the lexer's. The url-encoded and multipart scanners add parameters or parts to the
  * request and write into their buffer, which must hold one writable byte behind its
  * length. None of them keeps state between calls.
+ *
+ * A connector with strict set holds the head to the standard's rules where the lexer is
+ * otherwise lenient. Without a connector (a bare connection) the lexer is lenient.
  */
 #ifndef VESK_HTTPLEXER_INCLUDED
 #define VESK_HTTPLEXER_INCLUDED

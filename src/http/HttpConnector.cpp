@@ -51,6 +51,7 @@ struct HttpConnector_S {
         int connectionTimeout;  // milliseconds
         int contentLengthLimit;
         int contentLengthBufferLimit;
+        int strict;
         Engine_T engine;
         Reactor_T reactor;
         Dispatcher_T dispatcher;
@@ -830,6 +831,16 @@ void HttpConnector_setContentLengthBufferLimit(HttpConnector_T H, int limit) {
 int HttpConnector_getContentLengthBufferLimit(HttpConnector_T H) {
         assert(H);
         return H->contentLengthBufferLimit;
+}
+
+void HttpConnector_setStrict(HttpConnector_T H, int strict) {
+        assert(H);
+        H->strict = strict != 0;
+}
+
+int HttpConnector_getStrict(HttpConnector_T H) {
+        assert(H);
+        return H->strict;
 }
 
 void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine) {

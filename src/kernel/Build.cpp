@@ -170,6 +170,10 @@ void setConnectorAttribute(HttpConnector_T connector, const char* name, const ch
                 HttpConnector_setSecure(connector, isTrue(value));
                 return;
         }
+        if (Str_isEqual(name, "strict")) {
+                HttpConnector_setStrict(connector, isTrue(value));
+                return;
+        }
         if (Str_isEqual(name, "address")) {
                 HttpConnector_setBindAddress(connector, value);
                 return;
