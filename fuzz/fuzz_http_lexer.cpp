@@ -1,6 +1,7 @@
 // libFuzzer target: HttpLexer_parse over a request head in a buffer of exactly its size,
 // as the connector hands it over, on a connection whose socket is never touched: once
-// without a connector (lenient) and once on a strict connector.
+// without a connector (lenient, the default cap) and once on a strict connector with a cap
+// of a few parameters.
 #include <netinet/in.h>
 #include <stdint.h>
 #include <stdlib.h>
@@ -53,6 +54,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
         Thread_init();
         strict = HttpConnector_new();
         HttpConnector_setStrict(strict, 1);
+        HttpConnector_setMaxParameterCount(strict, 4);
         return 0;
 }
 

@@ -135,6 +135,19 @@ char* trim(char* s, char* e) {
         return s;
 }
 
+// The most parameters a request on connector may carry; negative for no limit.
+int parameterCap(HttpConnector_T connector) {
+        return connector ? HttpConnector_getMaxParameterCount(connector)
+                         : HTTPCONNECTOR_MAX_PARAMETER_COUNT;
+}
+
+// True if request, holding pending parameters not yet added, can take no more under cap.
+bool full(HttpRequest_T request, int cap, int pending = 0) {
+        return cap >= 0 && Map_count(HttpRequest_getParameterMap(request)) + pending >= cap;
+}
+
+constexpr const char* kTooManyParameters = "Too many parameters";
+
 /* ------------------------------------------------------------------ The head */
 
 enum class Header {
@@ -173,7 +186,8 @@ public:
               limit(record->limit),
               request(record->request),
               connector(InetAddress_getConnector(record->inet)),
-              strict(connector && HttpConnector_getStrict(connector)) {}
+              strict(connector && HttpConnector_getStrict(connector)),
+              cap(parameterCap(connector)) {}
 
         int run() {
                 int status = requestLine();
@@ -194,6 +208,7 @@ private:
         HttpRequest_T request;
         HttpConnector_T connector;  // NULL on a bare connection
         bool strict;
+        int cap;
 
         int fail(int status, const char* message) {
                 snprintf(L->message, sizeof L->message, "%s", message);
@@ -348,6 +363,8 @@ private:
                                 if (p >= limit)
                                         return cut();
                                 if (name && L->contextMarker == equals) {
+                                        if (full(request, cap))
+                                                return fail(400, kTooManyParameters);
                                         char stop = *p;
                                         *equals = 0;
                                         *p = 0;
@@ -400,6 +417,8 @@ private:
                                 if (stop == '&')
                                         p++;
                                 if (name) {
+                                        if (full(request, cap))
+                                                return fail(400, kTooManyParameters);
                                         *equals = 0;
                                         *end = 0;
                                         URL_unescape(v);
@@ -899,39 +918,45 @@ public:
         Multipart(HttpRequest_T request, char* data, int length)
             : request(request), p(data), e(data + length) {}
 
-        void run() {
+        // 0, or -1 when the fields and the request's parameters together exceed the cap.
+        int run() {
                 if (!boundaryOf())
-                        return;
+                        return 0;
                 if (!preamble())
-                        return;
+                        return 0;
+                int cap = parameterCap(HttpRequest_getConnector(request));
+                int fields = 0;
                 Part_T part = Part_alloc(HttpRequest_getArena(request));
                 for (;;) {
                         if (!headers(part))
-                                return;
+                                return 0;
                         if (!part->name) {
                                 Error_debug("Invalid header format\n");
-                                return;
+                                return 0;
                         }
                         part->content = p;
                         char* end = nextBoundary();
                         if (!end)
-                                return;
+                                return 0;
                         part->size = static_cast<int>(end - part->content);
                         *end = 0;
                         // An empty file field is sent as a part without a file name.
                         bool kept =
                             STR_DEF(part->name) && !(part->isFile && STR_UNDEF(part->fileName));
-                        if (kept)
+                        if (kept) {
+                                if (full(request, cap, fields++))
+                                        return -1;
                                 HttpRequest_addPart(request, part);
+                        }
                         p = end + 4 + boundaryLength;
                         if (e - p >= 2 && p[0] == '-' && p[1] == '-')
-                                return;
+                                return 0;
                         if (kept)
                                 part = Part_alloc(HttpRequest_getArena(request));
                         else
                                 Part_reset(part);
                         if (!nextLine())
-                                return;
+                                return 0;
                 }
         }
 
@@ -1105,10 +1130,11 @@ int HttpLexer_parse(HttpLexer_T L) {
         return Lexer(L).run();
 }
 
-void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) {
+int HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) {
         assert(request);
         if (!buffer || length <= 0)
-                return;
+                return 0;
+        int cap = parameterCap(HttpRequest_getConnector(request));
         char* p = buffer;
         char* e = buffer + length;
         char* name = nullptr;
@@ -1128,6 +1154,8 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                                 p += amp;
                                 continue;
                         }
+                        if (full(request, cap))
+                                return -1;
                         *equals = 0;
                         if (amp) {
                                 *p++ = 0;
@@ -1139,7 +1167,7 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                         // rest of the data.
                         *e = 0;
                         HttpRequest_addParameter(request, name, URL_unescape(v));
-                        return;
+                        return 0;
                 }
                 name = p++;
                 while (p < e && is(*p, kQueryName))
@@ -1148,11 +1176,12 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                 if (p == e || *p != '=')
                         *p = 0;
         }
+        return 0;
 }
 
-void HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length) {
+int HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length) {
         assert(request);
         if (!buffer || length <= 0)
-                return;
-        Multipart(request, buffer, length).run();
+                return 0;
+        return Multipart(request, buffer, length).run();
 }

@@ -159,6 +159,7 @@ constexpr NumberAttribute kNumberAttributes[] = {
     {"contentLengthLimit", HttpConnector_setContentLengthLimit},
     {"contentLengthBufferLimit", HttpConnector_setContentLengthBufferLimit},
     {"proxyPort", HttpConnector_setProxyPort},
+    {"maxParameterCount", HttpConnector_setMaxParameterCount},
 };
 
 void setConnectorAttribute(HttpConnector_T connector, const char* name, const char* value) {
