@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <vesk/Cookie.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
@@ -223,6 +224,28 @@ TEST(HttpLexer, HostForms) {
                 EXPECT_EQ(HttpRequest_getServerPort(c.request), 1);
                 EXPECT_STREQ(HttpRequest_getHeader(c.request, "Host"), "[::1]");
         }
+}
+
+TEST(HttpLexer, StrictHostTakesThePortOutsideTheBrackets) {
+        HttpConnector_T connector = HttpConnector_new();
+        HttpConnector_setStrict(connector, 1);
+        struct Form {
+                const char* host;
+                const char* name;
+                int port;
+        };
+        for (const Form& f : {Form{"[::1]", "::1", 0}, Form{"[::1]:81", "::1", 81},
+                              Form{"Example.COM:8080", "example.com", 8080}, Form{"", "", 0}}) {
+                Connection c;
+                InetAddress_setConnector(c.inet, connector);
+                ASSERT_EQ(c.parse(std::string("GET / HTTP/1.1\r\nHost: ") + f.host + "\r\n\r\n"),
+                          200)
+                    << f.host << " " << c.message();
+                EXPECT_STREQ(HttpRequest_getServerName(c.request), f.name) << f.host;
+                EXPECT_EQ(HttpRequest_getServerPort(c.request), f.port) << f.host;
+                EXPECT_STREQ(HttpRequest_getHeader(c.request, "Host"), f.host);
+        }
+        HttpConnector_free(&connector);
 }
 
 TEST(HttpLexer, HeadersValuesAndForwarding) {

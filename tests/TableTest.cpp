@@ -4,6 +4,7 @@
 #include <string.h>
 
 #include <string>
+#include <vector>
 
 #include <vesk/Arena.h>
 #include <vesk/Map.h>
@@ -284,4 +285,96 @@ TEST(Map, MapVisitsEveryValueAndFailsFast) {
                 std::string(testing::internal::StreamableToString((const void*)Map_get(M, "c"))) +
                 "}, b={null}}\n");
         Map_free(&M);
+}
+
+namespace {
+
+// Keys "Name0".."Name<n-1>": the first put in upper case, a second value under the key in
+// lower case for every third, so that case-blind look-up goes through the index.
+struct Names {
+        std::vector<std::string> upper, lower;
+        explicit Names(int n) {
+                for (int i = 0; i < n; i++) {
+                        upper.push_back("NAME" + std::to_string(i));
+                        lower.push_back("name" + std::to_string(i));
+                }
+        }
+};
+
+// The keys in list order; a heap map's array is freed here, an arena map's left to the arena.
+std::string keysOf(Map_T M, bool heap) {
+        std::string text;
+        const char** keys = Map_keys(M);
+        for (const char** k = keys; *k; k++)
+                text += std::string(*k) + " ";
+        if (heap)
+                FREE(keys);
+        return text;
+}
+
+void largeMapKeepsItsContract(Map_T M, bool heap) {
+        const int n = 2000;
+        Names names(n);
+        for (int i = 0; i < n; i++) {
+                Map_put(M, names.upper[i].c_str(), "first");
+                if (i % 3 == 0)
+                        Map_put(M, names.lower[i].c_str(), "second");
+        }
+        const int values = n + (n + 2) / 3;
+        EXPECT_EQ(Map_length(M), n);
+        EXPECT_EQ(Map_count(M), values);
+        for (int i = 0; i < n; i++) {
+                ASSERT_STREQ(Map_get(M, names.lower[i].c_str()), i % 3 ? "first" : "second") << i;
+                ASSERT_TRUE(Map_has(M, names.upper[i].c_str()));
+        }
+        EXPECT_FALSE(Map_has(M, "name2000"));
+
+        // The list order stands: newest key first, and the first text of a key is kept.
+        std::string expected;
+        for (int i = n - 1; i >= 0; i--)
+                expected += names.upper[i] + " ";
+        EXPECT_EQ(keysOf(M, heap), expected);
+
+        // Removal of the newest, the oldest and a key between relinks list and index.
+        Map_remove(M, "name1999");
+        Map_remove(M, "NAME0");
+        Map_remove(M, "Name1000");
+        EXPECT_EQ(Map_length(M), n - 3);
+        EXPECT_EQ(Map_count(M), values - 4);
+        EXPECT_FALSE(Map_has(M, "name1000"));
+        EXPECT_TRUE(Map_has(M, "name1001"));
+        EXPECT_TRUE(Map_has(M, "name999"));
+        expected.clear();
+        for (int i = n - 2; i >= 1; i--)
+                if (i != 1000)
+                        expected += names.upper[i] + " ";
+        EXPECT_EQ(keysOf(M, heap), expected);
+
+        Map_set(M, "name3", "only");
+        EXPECT_EQ(Map_count(M), values - 5);
+        Map_put(M, "name1000", "back");
+        EXPECT_STREQ(Map_get(M, "NAME1000"), "back");
+        EXPECT_EQ(keysOf(M, heap).rfind("name1000 ", 0), 0u);
+
+        Map_clear(M);
+        EXPECT_EQ(Map_length(M), 0);
+        EXPECT_EQ(Map_count(M), 0);
+        EXPECT_FALSE(Map_has(M, "name5"));
+        for (int i = 0; i < 100; i++)
+                Map_put(M, names.upper[i].c_str(), "again");
+        EXPECT_STREQ(Map_get(M, "name99"), "again");
+        EXPECT_EQ(Map_length(M), 100);
+}
+
+}  // namespace
+
+TEST(Map, ManyKeysKeepOrderCaseAndCounts) {
+        Map_T M = Map_new();
+        largeMapKeepsItsContract(M, true);
+        Map_free(&M);
+
+        Arena_T arena = Arena_new();
+        M = Map_alloc(arena);
+        largeMapKeepsItsContract(M, false);
+        Arena_dispose(&arena);
 }

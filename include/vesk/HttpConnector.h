@@ -22,9 +22,12 @@
 
 VESK_BEGIN_DECLS
 
+/* The most parameters a request may carry unless the connector says otherwise. */
+#define HTTPCONNECTOR_MAX_PARAMETER_COUNT 10000
+
 /* A connector with the defaults: port 8080, IPv4, all interfaces, "http", 128 processor
    threads ending after 30 idle seconds, a 30 s read timeout, bodies up to 51200000 bytes
-   of which up to 32768 are kept in memory. */
+   of which up to 32768 are kept in memory, at most 10000 parameters, lenient parsing. */
 VESK_API HttpConnector_T HttpConnector_new(void);
 /* Frees the listening socket and the processor pool if any, the texts and H; clears *H. */
 VESK_API void HttpConnector_free(HttpConnector_T* H);
@@ -74,6 +77,16 @@ VESK_API int HttpConnector_getContentLengthLimit(HttpConnector_T H);
 /* Bodies up to this many bytes are kept in memory, larger ones in a temporary file. */
 VESK_API void HttpConnector_setContentLengthBufferLimit(HttpConnector_T H, int limit);
 VESK_API int HttpConnector_getContentLengthBufferLimit(HttpConnector_T H);
+/* When on, request heads are held to the standard's stricter rules: several or non-numeric
+   Content-Length headers, Content-Length with Transfer-Encoding, a Transfer-Encoding other
+   than chunked, folded lines, blanks before a colon, several Host headers and a Host that is
+   no host name get 400 naming the header. Off, the default, reads them leniently. */
+VESK_API void HttpConnector_setStrict(HttpConnector_T H, int strict);
+VESK_API int HttpConnector_getStrict(HttpConnector_T H);
+/* The most parameters a request may carry, from its query, path, form or multipart fields
+   together; a request with more gets 400 "Too many parameters". Negative means no limit. */
+VESK_API void HttpConnector_setMaxParameterCount(HttpConnector_T H, int count);
+VESK_API int HttpConnector_getMaxParameterCount(HttpConnector_T H);
 /* The Engine that maps requests to applications; not owned. */
 VESK_API void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine);
 VESK_API Engine_T HttpConnector_getEngine(HttpConnector_T H);

@@ -9,6 +9,10 @@
  * the lexer's. The url-encoded and multipart scanners add parameters or parts to the
  * request and write into their buffer, which must hold one writable byte behind its
  * length. None of them keeps state between calls.
+ *
+ * A connector with strict set holds the head to the standard's rules where the lexer is
+ * otherwise lenient. Without a connector (a bare connection) the lexer is lenient and a
+ * request may carry HTTPCONNECTOR_MAX_PARAMETER_COUNT parameters.
  */
 #ifndef VESK_HTTPLEXER_INCLUDED
 #define VESK_HTTPLEXER_INCLUDED
@@ -49,10 +53,12 @@ typedef struct HttpLexer_S {
 
 /* Parses the head into the record's request; the status, also stored in the record. */
 VESK_API int HttpLexer_parse(HttpLexer_T L);
-/* Adds the parameters of url-encoded data of length bytes at buffer to request. */
-VESK_API void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length);
-/* Adds the parts of a multipart/form-data body to request; failures are logged. */
-VESK_API void HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length);
+/* Adds the parameters of url-encoded data of length bytes at buffer to request; 0, or -1
+   when the request would hold more parameters than its connector allows, the rest dropped. */
+VESK_API int HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length);
+/* Adds the parts of a multipart/form-data body to request; other failures are logged. 0, or
+   -1 when its fields and the request's parameters would exceed the connector's cap. */
+VESK_API int HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length);
 
 VESK_END_DECLS
 

@@ -250,14 +250,17 @@ VESK_API const char* HttpRequest_getServerURL(HttpRequest_T H);
 VESK_API const char* HttpRequest_getRequestURL(HttpRequest_T H);
 /* The file system path of the path info, or NULL. */
 VESK_API const char* HttpRequest_getPathTranslated(HttpRequest_T H);
-/* A dispatcher for path (with an optional query) in this context, or NULL. */
+/* A dispatcher for path (with an optional query) in this context, or NULL; NULL also when
+   the query would bring the parameters over the connector's cap. */
 VESK_API RequestDispatcher_T HttpRequest_getRequestDispatcher(HttpRequest_T H, const char* path);
 /* The parts of a multipart or XML body, parsed on first call; a List of Part_T. */
 VESK_API List_T HttpRequest_getParts(HttpRequest_T H);
 /* The first part named name, ignoring case, or NULL; checks "name". */
 VESK_API Part_T HttpRequest_getPart(HttpRequest_T H, const char* name);
-/* Parses a form body into parameters; other bodies wait for HttpRequest_getParts. */
-VESK_API void HttpRequest_parseStore(HttpRequest_T H);
+/* Parses a form body into parameters and a multipart body into parts; an XML body waits for
+   HttpRequest_getParts. 0, or -1 when the request then holds more parameters and fields
+   than its connector allows: it is to be answered with 400 and not served. */
+VESK_API int HttpRequest_parseStore(HttpRequest_T H);
 /* Ends the request: gives back principal and session and removes the body store. */
 VESK_API void HttpRequest_end(HttpRequest_T H);
 

@@ -31,8 +31,9 @@ VESK_API void HttpStore_close(HttpStore_T S);
 VESK_API void HttpStore_destroy(HttpStore_T S);
 /* Frees the buffer, or unmaps and deletes the file. */
 VESK_API void HttpStore_remove(HttpStore_T S);
-/* Parses the body into the request's parameters or parts, by content kind. */
-VESK_API void HttpStore_parse(HttpStore_T S, HttpRequest_T request);
+/* Parses the body into the request's parameters or parts, by content kind; 0, or -1 when
+   it holds more fields than the request's connector allows. */
+VESK_API int HttpStore_parse(HttpStore_T S, HttpRequest_T request);
 /* Bytes held, inflated. */
 VESK_API int HttpStore_getStoredDataSize(HttpStore_T S);
 /* Bytes received from the client: compressed bytes for gzip, else as stored. */

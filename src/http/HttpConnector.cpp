@@ -51,6 +51,8 @@ struct HttpConnector_S {
         int connectionTimeout;  // milliseconds
         int contentLengthLimit;
         int contentLengthBufferLimit;
+        int strict;
+        int maxParameterCount;
         Engine_T engine;
         Reactor_T reactor;
         Dispatcher_T dispatcher;
@@ -372,9 +374,12 @@ void _handlePostData(EventHandler_T handler, int revents) {
 void process(HttpRequest_T req, HttpResponse_T response, InetAddress_T inet, Context_T context) {
         TRY
                 Exception_wrapper(pthread_setspecific((Request_Arena), (HttpRequest_getArena(req))));
-                HttpRequest_parseStore(req);
+                int parsed = HttpRequest_parseStore(req);
                 InetAddress_setBlocking(inet);
-                Context_invoke(context, req, response);
+                if (parsed == 0)
+                        Context_invoke(context, req, response);
+                else
+                        HttpResponse_sendError(response, 400, "Too many parameters");
         ELSE
                 const char* name = Exception_frame.exception->name;
                 Error_error("%s: %s raised in %s at %s:%d when processing URL %s\n", name,
@@ -610,6 +615,7 @@ HttpConnector_T HttpConnector_new(void) {
         H->connectionTimeout = 30000;
         H->contentLengthLimit = 51200000;
         H->contentLengthBufferLimit = 32768;
+        H->maxParameterCount = HTTPCONNECTOR_MAX_PARAMETER_COUNT;
         H->reactor = Reactor_getInstance();
         H->responsePipe[0] = H->responsePipe[1] = -1;
         return H;
@@ -830,6 +836,26 @@ void HttpConnector_setContentLengthBufferLimit(HttpConnector_T H, int limit) {
 int HttpConnector_getContentLengthBufferLimit(HttpConnector_T H) {
         assert(H);
         return H->contentLengthBufferLimit;
+}
+
+void HttpConnector_setStrict(HttpConnector_T H, int strict) {
+        assert(H);
+        H->strict = strict != 0;
+}
+
+int HttpConnector_getStrict(HttpConnector_T H) {
+        assert(H);
+        return H->strict;
+}
+
+void HttpConnector_setMaxParameterCount(HttpConnector_T H, int count) {
+        assert(H);
+        H->maxParameterCount = count < 0 ? -1 : count;
+}
+
+int HttpConnector_getMaxParameterCount(HttpConnector_T H) {
+        assert(H);
+        return H->maxParameterCount;
 }
 
 void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine) {

@@ -7,6 +7,7 @@
 // arena) and, where a later state still reads the byte, restored.
 #include <ctype.h>
 #include <errno.h>
+#include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,14 +15,17 @@
 #include <strings.h>
 
 #include <array>
+#include <string_view>
 
 #include <vesk/Cookie.h>
 #include <vesk/Error.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/InetAddress.h>
 #include <vesk/InputStream.h>
+#include <vesk/Map.h>
 #include <vesk/Str.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
@@ -45,7 +49,9 @@ enum : uint16_t {
         kHeaderValue = 1 << 8,  // a byte of a header's value
         kAlpha = 1 << 9,
         kDigit = 1 << 10,
-        kNameStop = 1 << 11,  // ends a path parameter's name
+        kNameStop = 1 << 11,   // ends a path parameter's name
+        kRegName = 1 << 12,    // a byte of a registered host name, besides percent-encoding
+        kIpLiteral = 1 << 13,  // a byte between the brackets of an IP address literal
 };
 
 constexpr bool in(int c, int lo, int hi) {
@@ -86,6 +92,12 @@ constexpr std::array<uint16_t, 256> kClass = [] {
                 if (c <= 0x20 || c == '#' || c == '&' || c == '/' || c == ';' || c == '=' ||
                     c == '?')
                         m |= kNameStop;
+                // Unreserved bytes and sub-delimiters.
+                if (alpha || digit ||
+                    std::string_view("-._~!$&'()*+,;=").find(char(c)) != std::string_view::npos)
+                        m |= kRegName;
+                if (digit || in(c, 'a', 'f') || in(c, 'A', 'F') || c == ':' || c == '.')
+                        m |= kIpLiteral;
                 t[static_cast<size_t>(c)] = m;
         }
         return t;
@@ -123,6 +135,19 @@ char* trim(char* s, char* e) {
         return s;
 }
 
+// The most parameters a request on connector may carry; negative for no limit.
+int parameterCap(HttpConnector_T connector) {
+        return connector ? HttpConnector_getMaxParameterCount(connector)
+                         : HTTPCONNECTOR_MAX_PARAMETER_COUNT;
+}
+
+// True if request, holding pending parameters not yet added, can take no more under cap.
+bool full(HttpRequest_T request, int cap, int pending = 0) {
+        return cap >= 0 && Map_count(HttpRequest_getParameterMap(request)) + pending >= cap;
+}
+
+constexpr const char* kTooManyParameters = "Too many parameters";
+
 /* ------------------------------------------------------------------ The head */
 
 enum class Header {
@@ -156,12 +181,20 @@ constexpr Known kKnown[] = {
 class Lexer {
 public:
         explicit Lexer(HttpLexer_T record)
-            : L(record), p(record->cursor), limit(record->limit), request(record->request) {}
+            : L(record),
+              p(record->cursor),
+              limit(record->limit),
+              request(record->request),
+              connector(InetAddress_getConnector(record->inet)),
+              strict(connector && HttpConnector_getStrict(connector)),
+              cap(parameterCap(connector)) {}
 
         int run() {
                 int status = requestLine();
                 if (status == 0)
                         status = headers();
+                if (status == 0 && strict)
+                        status = strictHead();
                 if (status == 0)
                         status = endOfHead();
                 L->cursor = p;
@@ -173,6 +206,9 @@ private:
         char*& p;
         char* limit;
         HttpRequest_T request;
+        HttpConnector_T connector;  // NULL on a bare connection
+        bool strict;
+        int cap;
 
         int fail(int status, const char* message) {
                 snprintf(L->message, sizeof L->message, "%s", message);
@@ -327,6 +363,8 @@ private:
                                 if (p >= limit)
                                         return cut();
                                 if (name && L->contextMarker == equals) {
+                                        if (full(request, cap))
+                                                return fail(400, kTooManyParameters);
                                         char stop = *p;
                                         *equals = 0;
                                         *p = 0;
@@ -379,6 +417,8 @@ private:
                                 if (stop == '&')
                                         p++;
                                 if (name) {
+                                        if (full(request, cap))
+                                                return fail(400, kTooManyParameters);
                                         *equals = 0;
                                         *end = 0;
                                         URL_unescape(v);
@@ -458,10 +498,17 @@ private:
         /* ------------------------------------------------------------ Headers */
 
         int headers() {
-                for (;;) {
-                        skipBlanks();
+                for (bool first = true;; first = false) {
                         if (p >= limit)
                                 return cut();
+                        // A line that begins with a blank continues the one before. Generic
+                        // and Cookie values take such lines in (unless strict), so one seen
+                        // here follows the request line or a header whose value is a single
+                        // line: it must not pass for a header of its own.
+                        if (is(*p, kBlank))
+                                return fail(400, strict && !first
+                                                     ? "Obsolete line folding in header"
+                                                     : "Invalid request header");
                         int n = lineEnd(p);
                         if (n) {
                                 p += n;
@@ -476,6 +523,8 @@ private:
                                 return cut();
                         if (nameEnd == name || *p != ':')
                                 return fail(400, "Invalid request header");
+                        if (strict && p != nameEnd)
+                                return fail(400, "Whitespace before colon in header");
                         char* colon = p++;
                         const Known* known = nullptr;
                         size_t length = static_cast<size_t>(nameEnd - name);
@@ -508,7 +557,7 @@ private:
         int genericHeader(char* name, char* colon) {
                 char* v = p;
                 char* end;
-                if (p >= limit || !is(*p, kHeaderValue) || !valueLines(true, &end))
+                if (p >= limit || !is(*p, kHeaderValue) || !valueLines(!strict, &end))
                         return fail(400, "Invalid request header");
                 *colon = 0;
                 name = trim(name, colon);
@@ -531,7 +580,7 @@ private:
                 char* v = p;
                 char* end;
                 if (p >= limit || !(*p == '\t' || static_cast<unsigned char>(*p) >= 0x20) ||
-                    !valueLines(k.kind == Header::Cookie, &end))
+                    !valueLines(k.kind == Header::Cookie && !strict, &end))
                         return fail(400, k.message);
                 char* value = trim(v, end);
                 switch (k.kind) {
@@ -550,8 +599,14 @@ private:
                         break;
                 case Header::ContentLength: {
                         long n;
-                        if (sscanf(value, "%ld", &n) != 1 || n < 0)
+                        if (strict) {
+                                if (L->hasContentLength)
+                                        return fail(400, "Duplicate Content-Length header");
+                                if (!digits(value, &n))
+                                        return fail(400, k.message);
+                        } else if (sscanf(value, "%ld", &n) != 1 || n < 0) {
                                 return fail(400, "Invalid Content-Length");
+                        }
                         L->contentLength = n;
                         L->hasContentLength = 1;
                         break;
@@ -565,6 +620,10 @@ private:
                                 L->contentKind = 2;
                         break;
                 case Header::Host:
+                        if (strict && L->host)
+                                return fail(400, "Duplicate Host header");
+                        if (strict && !hostName(value))
+                                return fail(400, k.message);
                         return host(value);
                 case Header::Cookie:
                         HttpRequest_addHeader(request, k.name, value);
@@ -578,9 +637,12 @@ private:
                 return 0;
         }
 
-        // The last colon separates the port, brackets or not: "[::1]" gives port 1.
+        // The last colon separates the port, brackets or not: "[::1]" gives port 1. A strict
+        // connector has checked the form, so it can tell a colon inside the brackets.
         int host(char* value) {
                 char* colon = strrchr(value, ':');
+                if (strict && colon && strchr(colon, ']'))
+                        colon = nullptr;
                 if (colon) {
                         *colon = 0;
                         char* digits = colon + 1;
@@ -605,6 +667,66 @@ private:
                         *colon = ':';
                 HttpRequest_addHeader(request, "Host", value);
                 L->host = HttpRequest_getHeader(request, "Host");
+                return 0;
+        }
+
+        /* ------------------------------------------------------- Strict rules */
+
+        // A length of digits only that fits in n.
+        static bool digits(const char* s, long* n) {
+                long v = 0;
+                if (!*s)
+                        return false;
+                for (; *s; s++) {
+                        if (!is(*s, kDigit) || v > (LONG_MAX - (*s - '0')) / 10)
+                                return false;
+                        v = v * 10 + (*s - '0');
+                }
+                *n = v;
+                return true;
+        }
+
+        // A registered name or IPv4 address, or an IP literal in brackets, each with an
+        // optional port of digits; an empty name is what a client sends for a target
+        // without one.
+        static bool hostName(const char* s) {
+                if (*s == '[') {
+                        const char* literal = ++s;
+                        while (is(*s, kIpLiteral))
+                                s++;
+                        if (s == literal || *s++ != ']')
+                                return false;
+                } else {
+                        while (*s && *s != ':') {
+                                if (*s == '%') {
+                                        if (!isxdigit(static_cast<unsigned char>(s[1])) ||
+                                            !isxdigit(static_cast<unsigned char>(s[2])))
+                                                return false;
+                                        s += 3;
+                                } else if (is(*s, kRegName)) {
+                                        s++;
+                                } else {
+                                        return false;
+                                }
+                        }
+                }
+                if (*s == ':')
+                        while (is(*++s, kDigit))
+                                ;
+                return *s == 0;
+        }
+
+        // What a strict connector checks once all headers are read: a body framed one way
+        // only, and by no coding but chunked.
+        int strictHead() {
+                const char** codings =
+                    Map_gets(HttpRequest_getHeaderMap(request), "Transfer-Encoding");
+                if (!codings)
+                        return 0;
+                if (L->hasContentLength)
+                        return fail(400, "Content-Length with Transfer-Encoding");
+                if (!codings[0] || codings[1] || strcasecmp(codings[0], "chunked") != 0)
+                        return fail(400, "Unsupported Transfer-Encoding");
                 return 0;
         }
 
@@ -796,39 +918,45 @@ public:
         Multipart(HttpRequest_T request, char* data, int length)
             : request(request), p(data), e(data + length) {}
 
-        void run() {
+        // 0, or -1 when the fields and the request's parameters together exceed the cap.
+        int run() {
                 if (!boundaryOf())
-                        return;
+                        return 0;
                 if (!preamble())
-                        return;
+                        return 0;
+                int cap = parameterCap(HttpRequest_getConnector(request));
+                int fields = 0;
                 Part_T part = Part_alloc(HttpRequest_getArena(request));
                 for (;;) {
                         if (!headers(part))
-                                return;
+                                return 0;
                         if (!part->name) {
                                 Error_debug("Invalid header format\n");
-                                return;
+                                return 0;
                         }
                         part->content = p;
                         char* end = nextBoundary();
                         if (!end)
-                                return;
+                                return 0;
                         part->size = static_cast<int>(end - part->content);
                         *end = 0;
                         // An empty file field is sent as a part without a file name.
                         bool kept =
                             STR_DEF(part->name) && !(part->isFile && STR_UNDEF(part->fileName));
-                        if (kept)
+                        if (kept) {
+                                if (full(request, cap, fields++))
+                                        return -1;
                                 HttpRequest_addPart(request, part);
+                        }
                         p = end + 4 + boundaryLength;
                         if (e - p >= 2 && p[0] == '-' && p[1] == '-')
-                                return;
+                                return 0;
                         if (kept)
                                 part = Part_alloc(HttpRequest_getArena(request));
                         else
                                 Part_reset(part);
                         if (!nextLine())
-                                return;
+                                return 0;
                 }
         }
 
@@ -1002,10 +1130,11 @@ int HttpLexer_parse(HttpLexer_T L) {
         return Lexer(L).run();
 }
 
-void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) {
+int HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) {
         assert(request);
         if (!buffer || length <= 0)
-                return;
+                return 0;
+        int cap = parameterCap(HttpRequest_getConnector(request));
         char* p = buffer;
         char* e = buffer + length;
         char* name = nullptr;
@@ -1025,6 +1154,8 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                                 p += amp;
                                 continue;
                         }
+                        if (full(request, cap))
+                                return -1;
                         *equals = 0;
                         if (amp) {
                                 *p++ = 0;
@@ -1036,7 +1167,7 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                         // rest of the data.
                         *e = 0;
                         HttpRequest_addParameter(request, name, URL_unescape(v));
-                        return;
+                        return 0;
                 }
                 name = p++;
                 while (p < e && is(*p, kQueryName))
@@ -1045,11 +1176,12 @@ void HttpLexer_parseUrlencoded(HttpRequest_T request, char* buffer, int length) 
                 if (p == e || *p != '=')
                         *p = 0;
         }
+        return 0;
 }
 
-void HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length) {
+int HttpLexer_parseMultipart(HttpRequest_T request, char* buffer, int length) {
         assert(request);
         if (!buffer || length <= 0)
-                return;
-        Multipart(request, buffer, length).run();
+                return 0;
+        return Multipart(request, buffer, length).run();
 }

@@ -727,7 +727,12 @@ RequestDispatcher_T HttpRequest_getRequestDispatcher(HttpRequest_T H, const char
         char* mark = strchr(target, '?');
         if (mark) {
                 *mark++ = 0;
-                HttpLexer_parseUrlencoded(second, mark, static_cast<int>(strlen(mark)));
+                if (HttpLexer_parseUrlencoded(second, mark, static_cast<int>(strlen(mark))) < 0) {
+                        Error_debug(
+                            "HttpRequest_getRequestDispatcher: too many parameters in '%s'\n",
+                            path);
+                        return nullptr;
+                }
         }
         second->requestURI = target;
         if (!H->context || !KernelSeam_dispatch(H->context, second))
@@ -757,10 +762,21 @@ Part_T HttpRequest_getPart(HttpRequest_T H, const char* name) {
         return nullptr;
 }
 
-void HttpRequest_parseStore(HttpRequest_T H) {
+int HttpRequest_parseStore(HttpRequest_T H) {
         assert(H);
-        if (H->store && HttpStore_getContentType(H->store) == 0)
-                HttpStore_parse(H->store, H);
+        if (!H->store)
+                return 0;
+        switch (HttpStore_getContentType(H->store)) {
+        case 0:
+                return HttpStore_parse(H->store, H);
+        case 1:
+                // Multipart fields count against the parameter cap, so they are parsed before
+                // the servlet runs, like a form.
+                H->partsParsed = 1;
+                return HttpStore_parse(H->store, H);
+        default:
+                return 0;
+        }
 }
 
 void HttpRequest_end(HttpRequest_T H) {

@@ -267,7 +267,7 @@ void HttpStore_remove(HttpStore_T S) {
         }
 }
 
-void HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
+int HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
         assert(S);
         assert(request);
         char* data;
@@ -279,7 +279,7 @@ void HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
                                 Error_error(
                                     "HttpStore_parse: Could not map post data file %s -- %s\n",
                                     S->path, File_getLastError());
-                                return;
+                                return 0;
                         }
                         S->fileMap = static_cast<StoreMap*>(
                             ARENA_ALLOC(InetAddress_getArena(S->inet), sizeof(StoreMap)));
@@ -293,15 +293,13 @@ void HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
                 length = S->stored;
         } else {
                 Error_error("HttpStore_parse: Unknown store type\n");
-                return;
+                return 0;
         }
         switch (S->contentKind) {
         case 0:
-                HttpLexer_parseUrlencoded(request, data, length);
-                break;
+                return HttpLexer_parseUrlencoded(request, data, length);
         case 1:
-                HttpLexer_parseMultipart(request, data, length);
-                break;
+                return HttpLexer_parseMultipart(request, data, length);
         case 2: {
                 Part_T part = Part_alloc(HttpRequest_getArena(request));
                 part->name = part->fileName = const_cast<char*>("XML");
@@ -316,6 +314,7 @@ void HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
         default:
                 break;
         }
+        return 0;
 }
 
 int HttpStore_getStoredDataSize(HttpStore_T S) {

@@ -159,6 +159,7 @@ constexpr NumberAttribute kNumberAttributes[] = {
     {"contentLengthLimit", HttpConnector_setContentLengthLimit},
     {"contentLengthBufferLimit", HttpConnector_setContentLengthBufferLimit},
     {"proxyPort", HttpConnector_setProxyPort},
+    {"maxParameterCount", HttpConnector_setMaxParameterCount},
 };
 
 void setConnectorAttribute(HttpConnector_T connector, const char* name, const char* value) {
@@ -168,6 +169,10 @@ void setConnectorAttribute(HttpConnector_T connector, const char* name, const ch
         }
         if (Str_isEqual(name, "Secure")) {
                 HttpConnector_setSecure(connector, isTrue(value));
+                return;
+        }
+        if (Str_isEqual(name, "strict")) {
+                HttpConnector_setStrict(connector, isTrue(value));
                 return;
         }
         if (Str_isEqual(name, "address")) {
