@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -445,19 +446,39 @@ void _processResponse(EventHandler_T handler, int revents) {
         s_endResponse(writer, Reactor_Write);
 }
 
+// A field of the access line between double quotes, with the quote and the backslash
+// written as \xHH, so that what the client sent cannot close the field early. The logger
+// writes control bytes so.
+const char* quoted(Arena_T arena, const char* s) {
+        if (!s)
+                return "-";
+        if (!strpbrk(s, "\"\\"))
+                return s;
+        char* q = static_cast<char*>(ARENA_ALLOC(arena, static_cast<int>(4 * strlen(s) + 1)));
+        char* w = q;
+        for (; *s; s++) {
+                if (*s == '"' || *s == '\\')
+                        w += sprintf(w, "\\x%02X", static_cast<unsigned char>(*s));
+                else
+                        *w++ = *s;
+        }
+        *w = 0;
+        return q;
+}
+
 // One line in the combined log format, written once the response has gone out in full.
 void accessLog(Logger_T log, InetAddress_T inet, HttpRequest_T req, HttpResponse_T res) {
         char date[256];
         Time_fmt(date, sizeof date, "[%d/%b/%Y:%H:%M:%S %z]", Time_now());
+        Arena_T arena = InetAddress_getArena(inet);
         const char* user = HttpRequest_getRemoteUser(req);
-        const char* referer = HttpRequest_getHeader(req, "Referer");
-        const char* agent = HttpRequest_getHeader(req, "User-Agent");
         Logger_flog(log, "%s - %s %s \"%s %s %s\" %d %lld \"%s\" \"%s\"\n",
                     InetAddress_getRemoteHostName(inet), user ? user : "-", date,
-                    HttpRequest_getMethod(req), HttpRequest_getRequestURI(req),
+                    HttpRequest_getMethod(req), quoted(arena, HttpRequest_getRequestURI(req)),
                     HttpRequest_getProtocol(req), HttpResponse_getStatus(res),
-                    HttpResponse_getBytesWritten(res), referer ? referer : "-",
-                    agent ? agent : "-");
+                    HttpResponse_getBytesWritten(res),
+                    quoted(arena, HttpRequest_getHeader(req, "Referer")),
+                    quoted(arena, HttpRequest_getHeader(req, "User-Agent")));
 }
 
 void s_endResponse(EventHandler_T handler, int revents) {
