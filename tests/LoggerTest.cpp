@@ -201,7 +201,8 @@ TEST(Logger, ArgumentsCannotBeginALine) {
         // stay, and so does a newline that ends the entry, wherever it came from.
         EXPECT_EQ(entry("GET %s done\n", "/a\r\n127.0.0.1 forged"),
                   "GET /a\\x0D\\x0A127.0.0.1 forged done\n");
-        EXPECT_EQ(entry("first\nsecond %s\n", "\x1b[2J\t\x7f"), "first\nsecond \\x1B[2J\\x09\\x7F\n");
+        EXPECT_EQ(entry("first\nsecond %s\n", "\x1b[2J\t\x7f"),
+                  "first\nsecond \\x1B[2J\\x09\\x7F\n");
         EXPECT_EQ(entry("%s", "message\n"), "message\n");
         EXPECT_EQ(entry("%s%s", "a\n", "b\n\n"), "a\\x0Ab\\x0A\n");
         EXPECT_EQ(entry("%s!", "a\n"), "a\\x0A!");
@@ -210,13 +211,13 @@ TEST(Logger, ArgumentsCannotBeginALine) {
         char expected[256];
         int star = 6;
         void* p = &star;
-        snprintf(expected, sizeof expected, "%d|%-4s|%5.2f|%x|%lld|%zu|%c|%p|%%|%.*s|%*d|%lu|%hhd|%Lg\n",
-                 -3, "ab", 3.14159, 255u, -9000000000LL, static_cast<size_t>(7), 'q', p, 2, "xyz",
-                 star, 42, 99ul, 300, 2.5L);
-        EXPECT_EQ(entry("%d|%-4s|%5.2f|%x|%lld|%zu|%c|%p|%%|%.*s|%*d|%lu|%hhd|%Lg\n", -3, "ab", 3.14159,
-                        255u, -9000000000LL, static_cast<size_t>(7), 'q', p, 2, "xyz", star, 42,
-                        99ul, 300, 2.5L),
+#define CONVERSIONS "%d|%-4s|%5.2f|%x|%lld|%zu|%c|%p|%%|%.*s|%*d|%lu|%hhd|%Lg\n"
+        snprintf(expected, sizeof expected, CONVERSIONS, -3, "ab", 3.14159, 255u, -9000000000LL,
+                 static_cast<size_t>(7), 'q', p, 2, "xyz", star, 42, 99ul, 300, 2.5L);
+        EXPECT_EQ(entry(CONVERSIONS, -3, "ab", 3.14159, 255u, -9000000000LL, static_cast<size_t>(7),
+                        'q', p, 2, "xyz", star, 42, 99ul, 300, 2.5L),
                   expected);
+#undef CONVERSIONS
         std::string wide(3000, 'w');
         EXPECT_EQ(entry("[%s]", wide.c_str()), "[" + wide + "]");
         errno = ENOENT;

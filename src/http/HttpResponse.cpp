@@ -560,10 +560,9 @@ void HttpResponse_sendRedirect(HttpResponse_T H, const char* location, ...) {
         } else {
                 // A relative target is resolved below the current path, not beside it.
                 const char* uri = H->request ? HttpRequest_getRequestURI(H->request) : nullptr;
+                const char* below = uri ? encodeURI(H->arena, uri, true) : "";
                 char* path = *target == '/' ? STR_DUP_ARENA(H->arena, target)
-                                            : STR_CAT_ARENA(H->arena, "%s/%s",
-                                                            uri ? encodeURI(H->arena, uri, true) : "",
-                                                            target);
+                                            : STR_CAT_ARENA(H->arena, "%s/%s", below, target);
                 URL_normalize(path);
                 HttpResponse_setHeader(H, "Location", "%s%s",
                                        H->request ? HttpRequest_getServerURL(H->request) : "",

@@ -261,7 +261,8 @@ void doLog(Logger_T L, const char* format, va_list ap) {
                                 localtime_r(&now, &tm);
                                 if (strftime(L->timeStampBuffer, sizeof L->timeStampBuffer,
                                              L->timeStampFormat, &tm) > 0)
-                                        FileOutputStream_print(L->stream, "%s ", L->timeStampBuffer);
+                                        FileOutputStream_print(L->stream, "%s ",
+                                                               L->timeStampBuffer);
                         }
                         FileOutputStream_write(L->stream, entry, length);
                 FINALLY

@@ -1,7 +1,8 @@
 /* A servlet that answers as its parameters say, so that tests can drive every road by which
-   a header or a body reaches the wire: ?set= and ?add= (with ?value=), ?type=, ?cookie= (with
-   ?value=, ?path=, ?domain=, ?comment=), ?gzip=1, ?size= bytes of body (?noise=1: hard to compress), ?flush=1, ?redirect=
-   and ?error= (with ?message=). HEAD runs the same code as GET, body and all. */
+   a header or a body reaches the wire: ?set= and ?add= (with ?value=), ?int=, ?date=, ?type=,
+   ?cookie= (with ?value=, ?path=, ?domain=, ?comment=), ?gzip=1, ?size= bytes of body
+   (?noise=1: hard to compress), ?flush=1, ?redirect= and ?error= (with ?message=). HEAD
+   runs the same code as GET, body and all. */
 #include <stdlib.h>
 #include <string.h>
 
