@@ -168,6 +168,8 @@ TEST(HttpResponse, AHeaderThatWouldNotStayOneLineRaises) {
                   "Invalid header name 'X: b'");
         EXPECT_EQ(assertion([&] { HttpResponse_addDateHeader(x.r(), "X\n", 1); }),
                   "Invalid header name 'X\n'");
+        EXPECT_EQ(assertion([&] { HttpResponse_setProtocol(x.r(), "HTTP/1.1\r\nX: 1"); }),
+                  "Invalid protocol 'HTTP/1.1\r\nX: 1'");
         // Tabs and bytes above ASCII are fine, and nothing refused reached the head.
         HttpResponse_setHeader(x.r(), "X-Fine", "a\tb \xc3\xa6");
         std::string got = x.finish();

@@ -72,7 +72,8 @@ VESK_API HttpRequest_T HttpResponse_getRequest(HttpResponse_T H);
 VESK_API void HttpResponse_setContext(HttpResponse_T H, Context_T context);
 /* The context, or NULL. */
 VESK_API Context_T HttpResponse_getContext(HttpResponse_T H);
-/* Copies the protocol of the status line. */
+/* Copies the protocol of the status line; one with a control byte raises "Invalid
+   protocol '%s'". */
 VESK_API void HttpResponse_setProtocol(HttpResponse_T H, const char* protocol);
 /* The context's servlet context, or NULL without a context. */
 VESK_API ServletContext_T HttpResponse_getServletContext(HttpResponse_T H);

@@ -360,6 +360,9 @@ Context_T HttpResponse_getContext(HttpResponse_T H) {
 void HttpResponse_setProtocol(HttpResponse_T H, const char* protocol) {
         assert(H);
         assert(protocol);
+        // It opens the status line, which it must not end.
+        if (!isFieldValue(protocol))
+                THROW(AssertException, "Invalid protocol '%s'", protocol);
         H->protocol = STR_DUP_ARENA(H->arena, protocol);
 }
 
