@@ -157,3 +157,50 @@ TEST(HttpResponse, CookiesResetAndEncodeURL) {
         EXPECT_TRUE(has(got, "Content-Length: 0\r\n"));
         EXPECT_FALSE(has(got, "dropped"));
 }
+
+TEST(HttpResponse, AHeaderThatWouldNotStayOneLineRaises) {
+        Exchange x;
+        EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), "X-A", "a\rb"); }),
+                  "Invalid value of header 'X-A'");
+        EXPECT_EQ(assertion([&] { HttpResponse_addHeader(x.r(), "X-A", "a\x7f"); }),
+                  "Invalid value of header 'X-A'");
+        EXPECT_EQ(assertion([&] { HttpResponse_setIntHeader(x.r(), "X: b", 1); }),
+                  "Invalid header name 'X: b'");
+        EXPECT_EQ(assertion([&] { HttpResponse_addDateHeader(x.r(), "X\n", 1); }),
+                  "Invalid header name 'X\n'");
+        EXPECT_EQ(assertion([&] { HttpResponse_setProtocol(x.r(), "HTTP/1.1\r\nX: 1"); }),
+                  "Invalid protocol 'HTTP/1.1\r\nX: 1'");
+        // Tabs and bytes above ASCII are fine, and nothing refused reached the head.
+        HttpResponse_setHeader(x.r(), "X-Fine", "a\tb \xc3\xa6");
+        std::string got = x.finish();
+        EXPECT_TRUE(has(got, "\r\nX-Fine: a\tb \xc3\xa6\r\n")) << got;
+        EXPECT_FALSE(has(got, "X-A")) << got;
+        EXPECT_FALSE(has(got, "X:")) << got;
+        // A committed head still refuses, though it would not have been changed.
+        EXPECT_EQ(assertion([&] { HttpResponse_setHeader(x.r(), "X-A", "\n"); }),
+                  "Invalid value of header 'X-A'");
+}
+
+TEST(HttpResponse, RedirectsEncodeWhatTheRequestBrought) {
+        {
+                // The lexer decodes the path: CR LF, blank, quote, '%' and '?' come back encoded.
+                Exchange x("GET /a%0d%0aX:%20%22%25%3f HTTP/1.1\r\nHost: h.org\r\n\r\n");
+                HttpResponse_sendRedirect(x.r(), "next?q=%%41#top");
+                std::string got = x.finish();
+                EXPECT_TRUE(has(
+                    got, "\r\nLocation: http://h.org/a%0D%0AX:%20%22%25%3F/next?q=%41#top\r\n"))
+                    << got;
+        }
+        {
+                // A target of the servlet keeps its escapes, query, fragment and address
+                // literal, and has only what no URI can hold encoded.
+                Exchange x;
+                HttpResponse_setHeader(x.r(), "Content-Encoding", "gzip");
+                HttpResponse_sendRedirect(x.r(), "http://[::1]:8080/a b\xc3\xa6/%%7E?x=<1>#f");
+                std::string got = x.finish();
+                EXPECT_TRUE(
+                    has(got, "\r\nLocation: http://[::1]:8080/a%20b%C3%A6/%7E?x=%3C1%3E#f\r\n"))
+                    << got;
+                EXPECT_FALSE(has(got, "Content-Encoding")) << got;
+        }
+}

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <errno.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,6 +15,7 @@
 #include <vesk/Container.h>
 #include <vesk/Error.h>
 #include <vesk/Logger.h>
+#include <vesk/Mem.h>
 #include <vesk/Reactor.h>
 
 #include "Support.hpp"
@@ -177,6 +181,62 @@ TEST(Logger, FailedRenameContinuesTheOldFile) {
         Logger_free(&L);
 }
 
+namespace {
+
+std::string entry(const char* format, ...) {
+        va_list ap;
+        va_start(ap, format);
+        int length = -1;
+        char* text = vesk::Logger_formatEntry(format, ap, &length);
+        va_end(ap);
+        std::string result(text, static_cast<size_t>(length));
+        FREE(text);
+        return result;
+}
+
+}  // namespace
+
+TEST(Logger, ArgumentsCannotBeginALine) {
+        // Control bytes an argument brings are written as \xHH; the format's own line breaks
+        // stay, and so does a newline that ends the entry, wherever it came from.
+        EXPECT_EQ(entry("GET %s done\n", "/a\r\n127.0.0.1 forged"),
+                  "GET /a\\x0D\\x0A127.0.0.1 forged done\n");
+        EXPECT_EQ(entry("first\nsecond %s\n", "\x1b[2J\t\x7f"),
+                  "first\nsecond \\x1B[2J\\x09\\x7F\n");
+        EXPECT_EQ(entry("%s", "message\n"), "message\n");
+        EXPECT_EQ(entry("%s%s", "a\n", "b\n\n"), "a\\x0Ab\\x0A\n");
+        EXPECT_EQ(entry("%s!", "a\n"), "a\\x0A!");
+        EXPECT_EQ(entry("tab\there\n"), "tab\\x09here\n");
+        // Every conversion formats as printf would.
+        char expected[256];
+        int star = 6;
+        void* p = &star;
+#define CONVERSIONS "%d|%-4s|%5.2f|%x|%lld|%zu|%c|%p|%%|%.*s|%*d|%lu|%hhd|%Lg\n"
+        snprintf(expected, sizeof expected, CONVERSIONS, -3, "ab", 3.14159, 255u, -9000000000LL,
+                 static_cast<size_t>(7), 'q', p, 2, "xyz", star, 42, 99ul, 300, 2.5L);
+        EXPECT_EQ(entry(CONVERSIONS, -3, "ab", 3.14159, 255u, -9000000000LL, static_cast<size_t>(7),
+                        'q', p, 2, "xyz", star, 42, 99ul, 300, 2.5L),
+                  expected);
+#undef CONVERSIONS
+        std::string wide(3000, 'w');
+        EXPECT_EQ(entry("[%s]", wide.c_str()), "[" + wide + "]");
+        errno = ENOENT;
+        EXPECT_EQ(entry("%m\n"), std::string(strerror(ENOENT)) + "\n");
+        // A numbered form is formatted whole and escaped as data.
+        EXPECT_EQ(entry("%2$s %1$s\n", "a\n", "b"), "b a\\x0A\n");
+}
+
+TEST(Logger, EscapesInTheWritePath) {
+        TempDir dir;
+        Logger_T L = Logger_new((dir / "access.log").c_str());
+        Logger_setUnbuffered(L);
+        Logger_setTimestamp(L, 0);
+        Logger_flog(L, "%s \"%s\"\n", "127.0.0.1", "/x\nforged");
+        Logger_log(L, "%s", "second\n");
+        EXPECT_EQ(readFile(dir / "access.log"), "127.0.0.1 \"/x\\x0Aforged\"\nsecond\n");
+        Logger_free(&L);
+}
+
 TEST(Error, ErrorLogGetsErrorLinesWithTime) {
         TempDir dir;
         EXPECT_EQ(Error_getLogger(), nullptr);
@@ -184,13 +244,13 @@ TEST(Error, ErrorLogGetsErrorLinesWithTime) {
         Logger_T first = Error_getLogger();
         ASSERT_NE(first, nullptr);
         Error_init((dir / "error.log").c_str());  // closes the first
-        Error_error("disk %s\n", "trouble");
+        Error_error("disk %s\n", "trou\nble");
         Error_warn("not in the log\n");
         Container_Debug = 0;
         Error_debug("nor this\n");
         std::string text = readFile((dir / "error.log"));
-        EXPECT_EQ(text.size(), strlen("2026-01-31 12:34:56 disk trouble\n")) << text;
-        EXPECT_EQ(text.substr(20), "disk trouble\n");
+        EXPECT_EQ(text.size(), strlen("2026-01-31 12:34:56 disk trou\\x0Able\n")) << text;
+        EXPECT_EQ(text.substr(20), "disk trou\\x0Able\n");
         Error_destroy();
         EXPECT_EQ(Error_getLogger(), nullptr);
         Error_error("only on standard error\n");

@@ -179,6 +179,37 @@ TEST(OutputStream, ClearDropsEverythingAlsoWhileCompressing) {
         OutputStream_free(&out);
 }
 
+TEST(OutputStream, ADiscardingStreamSendsTheHeadAlone) {
+        Loopback L;
+        ASSERT_TRUE(L.peer);
+        OutputStream_T out = InetAddress_getOutputStream(L.peer);
+        OutputStream_setDiscard(out, 1);
+        // Far past the buffer, through every writer: measured, never buffered.
+        std::string body = text(100000);
+        OutputStream_write(out, body.data(), static_cast<int>(body.size()));
+        OutputStream_print(out, "%s-%d", "tail", 7);
+        EXPECT_EQ(OutputStream_buffered(out), 0);
+        EXPECT_EQ(OutputStream_getDiscarded(out), 100006);
+        EXPECT_TRUE(OutputStream_startCompress(out, 6));
+        EXPECT_TRUE(OutputStream_isCompressed(out));
+        OutputStream_write(out, "more", 4);
+        OutputStream_end(out);
+        EXPECT_FALSE(OutputStream_isCompressed(out));
+        EXPECT_EQ(OutputStream_getDiscarded(out), 100010);
+        OutputStream_clear(out);
+        EXPECT_EQ(OutputStream_getDiscarded(out), 0);
+        // Chunk framing and the final chunk are dropped with the body.
+        OutputStream_setChunked(out, 1);
+        OutputStream_commit(out, head(InetAddress_getArena(L.peer), kHead));
+        OutputStream_write(out, body.data(), static_cast<int>(body.size()));
+        OutputStream_endChunked(out);
+        EXPECT_EQ(OutputStream_flush(out), static_cast<int>(strlen(kHead)));
+        EXPECT_EQ(OutputStream_flush(out), 0);
+        Net_shutdown(L.fd(), SHUT_WR);
+        EXPECT_EQ(L.receive(), kHead);
+        EXPECT_EQ(OutputStream_getBytesWritten(out), 0);
+}
+
 TEST(OutputStream, PartialWritesResumeWithoutSecondChunkLines) {
         Loopback L;
         ASSERT_TRUE(L.peer);

@@ -7,7 +7,11 @@
  * written once, at commit: when the stream's buffer overflows, on a send operation, on
  * HttpResponse_setFileMap or at HttpResponse_finalize. After commit, and while an
  * include runs, header setters, reset, redirect and error pages do nothing. Header
- * values are formatted texts kept in the arena. A NULL response fails the check "H".
+ * values are formatted texts kept in the arena. A header name that is not a token, or a
+ * value with a control byte other than tab (a cookie's text or a redirect target too),
+ * raises AssertException "Invalid header name '%s'" or "Invalid value of header '%s'",
+ * committed or not: no header can break the head. The answer to a HEAD is its head
+ * alone; an HTTP/1.0 client is never sent chunks. A NULL response fails the check "H".
  */
 #ifndef VESK_HTTPRESPONSE_INCLUDED
 #define VESK_HTTPRESPONSE_INCLUDED
@@ -68,7 +72,8 @@ VESK_API HttpRequest_T HttpResponse_getRequest(HttpResponse_T H);
 VESK_API void HttpResponse_setContext(HttpResponse_T H, Context_T context);
 /* The context, or NULL. */
 VESK_API Context_T HttpResponse_getContext(HttpResponse_T H);
-/* Copies the protocol of the status line. */
+/* Copies the protocol of the status line; one with a control byte raises "Invalid
+   protocol '%s'". */
 VESK_API void HttpResponse_setProtocol(HttpResponse_T H, const char* protocol);
 /* The context's servlet context, or NULL without a context. */
 VESK_API ServletContext_T HttpResponse_getServletContext(HttpResponse_T H);
@@ -112,13 +117,16 @@ VESK_API ServerPage_T HttpResponse_getServerPage(HttpResponse_T H, const char* p
 
 /* Writes the status line and the headers in front of the body; once. */
 VESK_API void HttpResponse_commit(HttpResponse_T H);
-/* Ends the response after the servlet: gives an uncommitted body its exact length and
-   commits, or marks the last chunk. */
+/* Ends the response after the servlet: gives an uncommitted body its exact length (for
+   a HEAD the measured one, when it was written and not to be compressed) and commits, or
+   marks the last chunk. */
 VESK_API void HttpResponse_finalize(HttpResponse_T H);
-/* Answers 302 with a Location made from the formatted target; checks "location". */
+/* Answers 302, never compressed, with a Location made from the formatted target; checks
+   "location". Bytes no URI can hold are encoded, and the request's own path wholly. */
 VESK_API void HttpResponse_sendRedirect(HttpResponse_T H, const char* location, ...)
     VESK_PRINTF(2, 3);
-/* Answers with status and an error page; the formatted message (NULL: none) is escaped. */
+/* Answers with status and an error page, never compressed; the formatted message
+   (NULL: none) is escaped. */
 VESK_API void HttpResponse_sendError(HttpResponse_T H, int status, const char* format, ...)
     VESK_PRINTF(3, 4);
 /* HttpResponse_sendError with a va_list. */

@@ -56,6 +56,12 @@ VESK_API long long OutputStream_getBytesWritten(OutputStream_T S);
 VESK_API int OutputStream_buffered(OutputStream_T S);
 /* True while output is compressed. */
 VESK_API int OutputStream_isCompressed(OutputStream_T S);
+/* With discard set, the body is measured and dropped instead of sent, as the answer to a
+   HEAD must be: only a committed head goes out, with no chunk framing, and compression is
+   claimed but not run. */
+VESK_API void OutputStream_setDiscard(OutputStream_T S, int discard);
+/* The body bytes a discarding stream has measured since it was last cleared. */
+VESK_API long long OutputStream_getDiscarded(OutputStream_T S);
 /* Buffers n bytes of data; nothing for NULL data or a closed stream. */
 VESK_API void OutputStream_write(OutputStream_T S, const void* data, int n);
 /* Buffers formatted text; nothing for a NULL or empty format or a closed stream. */

@@ -33,9 +33,14 @@ constexpr const char* kReserved[] = {"Comment", "Discard", "Domain",  "Expires",
 // The date browsers take as long past, for a cookie to be deleted at once.
 constexpr const char* kPastDate = "Sun, 21 Feb 1993 00:29:55 GMT";
 
+// A name with a separator, a blank, '=' or a control byte would be read as another
+// cookie, an attribute or, with a line break, another header.
 bool isReserved(const char* name) {
-        if (*name == '$' || strpbrk(name, ",; "))
+        if (*name == '$' || strpbrk(name, ",; ="))
                 return true;
+        for (const char* p = name; *p; p++)
+                if (static_cast<unsigned char>(*p) < 0x20 || *p == 0x7F)
+                        return true;
         for (const char* word : kReserved)
                 if (strcasecmp(name, word) == 0)
                         return true;

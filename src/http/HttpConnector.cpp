@@ -3,6 +3,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdio.h>
 #include <string.h>
 #include <unistd.h>
 
@@ -72,6 +73,8 @@ constexpr int kKeepAliveRequests = 100;
 // Each read that brings no complete head costs the connection this much of its budget.
 constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
+// The method number of HEAD, whose answer has no body.
+constexpr int kMethodHead = 2;
 
 const char* remote(InetAddress_T inet) {
         return InetAddress_getRemoteHostAddress(inet);
@@ -93,13 +96,18 @@ void _handlePostData(EventHandler_T handler, int revents);
 void s_endResponse(EventHandler_T handler, int revents);
 
 // The last resort when no HttpResponse can be used: a complete error page written
-// straight to the socket, flushed once, and the connection closed.
+// straight to the socket, flushed once, and the connection closed. A HEAD gets the head
+// alone, and the message, whatever it holds, is text in the page and not markup.
 void _sendError(InetAddress_T inet, int status, const char* format, ...) VESK_PRINTF(3, 4);
 void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         const char* reason = HttpResponse_status(status);
         OutputStream_T out = InetAddress_getOutputStream(inet);
-        // The page carries its own head: flushing must not commit a response object.
+        // The page carries its own head: flushing must not commit a response object, and
+        // the stream of a HEAD, which drops bodies, must let the head through.
         OutputStream_setResponse(out, nullptr);
+        OutputStream_setDiscard(out, 0);
+        HttpRequest_T request = InetAddress_getRequest(inet);
+        bool head = request && HttpRequest_method(request) == kMethodHead;
         char date[30];
         Time_gmtstring(Time_now(), date);
         char* message = nullptr;
@@ -110,12 +118,18 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
                 va_end(ap);
         }
         const char* text = message ? message : "";
+        const char* page = Str_entityify_arena(InetAddress_getArena(inet), text, __func__,
+                                               __FILE__, __LINE__);
         OutputStream_print(out,
                            "HTTP/1.1 %d %s\r\nDate: %s\r\nConnection: close\r\nServer: "
-                           "Vesk/2.0\r\nContent-Type: text/html\r\n\r\n<html>\r\n<head><title>%d "
-                           "%s</title></head>\r\n<body bgcolor=\"white\">\r\n<h2>%s</h2>%s\r\n<hr>"
-                           "Vesk/2.0\r\n</body>\r\n</html>\r\n",
-                           status, reason, date, status, reason, reason, text);
+                           "Vesk/2.0\r\nContent-Type: text/html\r\n\r\n",
+                           status, reason, date);
+        if (!head)
+                OutputStream_print(out,
+                                   "<html>\r\n<head><title>%d %s</title></head>\r\n<body "
+                                   "bgcolor=\"white\">\r\n<h2>%s</h2>%s\r\n<hr>Vesk/2.0\r\n</body>"
+                                   "\r\n</html>\r\n",
+                                   status, reason, reason, page);
         OutputStream_flush(out);
         Error_error("[client %s] HTTP %d %s %s\n", remote(inet), status, reason, text);
         FREE(message);
@@ -450,19 +464,39 @@ void _processResponse(EventHandler_T handler, int revents) {
         s_endResponse(writer, Reactor_Write);
 }
 
+// A field of the access line between double quotes, with the quote and the backslash
+// written as \xHH, so that what the client sent cannot close the field early. The logger
+// writes control bytes so.
+const char* quoted(Arena_T arena, const char* s) {
+        if (!s)
+                return "-";
+        if (!strpbrk(s, "\"\\"))
+                return s;
+        char* q = static_cast<char*>(ARENA_ALLOC(arena, static_cast<int>(4 * strlen(s) + 1)));
+        char* w = q;
+        for (; *s; s++) {
+                if (*s == '"' || *s == '\\')
+                        w += sprintf(w, "\\x%02X", static_cast<unsigned char>(*s));
+                else
+                        *w++ = *s;
+        }
+        *w = 0;
+        return q;
+}
+
 // One line in the combined log format, written once the response has gone out in full.
 void accessLog(Logger_T log, InetAddress_T inet, HttpRequest_T req, HttpResponse_T res) {
         char date[256];
         Time_fmt(date, sizeof date, "[%d/%b/%Y:%H:%M:%S %z]", Time_now());
+        Arena_T arena = InetAddress_getArena(inet);
         const char* user = HttpRequest_getRemoteUser(req);
-        const char* referer = HttpRequest_getHeader(req, "Referer");
-        const char* agent = HttpRequest_getHeader(req, "User-Agent");
         Logger_flog(log, "%s - %s %s \"%s %s %s\" %d %lld \"%s\" \"%s\"\n",
                     InetAddress_getRemoteHostName(inet), user ? user : "-", date,
-                    HttpRequest_getMethod(req), HttpRequest_getRequestURI(req),
+                    HttpRequest_getMethod(req), quoted(arena, HttpRequest_getRequestURI(req)),
                     HttpRequest_getProtocol(req), HttpResponse_getStatus(res),
-                    HttpResponse_getBytesWritten(res), referer ? referer : "-",
-                    agent ? agent : "-");
+                    HttpResponse_getBytesWritten(res),
+                    quoted(arena, HttpRequest_getHeader(req, "Referer")),
+                    quoted(arena, HttpRequest_getHeader(req, "User-Agent")));
 }
 
 void s_endResponse(EventHandler_T handler, int revents) {

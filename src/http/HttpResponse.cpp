@@ -2,6 +2,9 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <array>
+#include <string_view>
+
 #include <vesk/Chain.h>
 #include <vesk/Container.h>
 #include <vesk/Cookie.h>
@@ -40,7 +43,8 @@ namespace {
 // The idle time of a kept connection in seconds; the connector waits the same.
 constexpr long kKeepAliveTimeout = 15;
 constexpr int kBufferSize = 8192;
-constexpr int kLocationSize = 1024;
+// The method number of HEAD.
+constexpr int kHead = 2;
 
 struct Reason {
         int code;
@@ -94,11 +98,97 @@ bool locked(HttpResponse_T H) {
         return H->commited || H->processingInclude;
 }
 
+bool answersHead(HttpResponse_T H) {
+        return H->request && HttpRequest_method(H->request) == kHead;
+}
+
+// A HEAD is answered with the head alone: the stream measures the body and drops it.
+void bindHead(HttpResponse_T H) {
+        if (H->outputStream && answersHead(H))
+                OutputStream_setDiscard(H->outputStream, 1);
+}
+
+constexpr std::array<bool, 256> makeTokenTable() {
+        std::array<bool, 256> t{};
+        for (int c = '0'; c <= '9'; c++)
+                t[c] = true;
+        for (int c = 'A'; c <= 'Z'; c++)
+                t[c] = t[c + 32] = true;
+        for (unsigned char c : std::string_view("!#$%&'*+-.^_`|~"))
+                t[c] = true;
+        return t;
+}
+constexpr std::array<bool, 256> kToken = makeTokenTable();
+
+// A header name is a token: any other byte could end the name early or start a new line.
+bool isToken(const char* s) {
+        if (!*s)
+                return false;
+        for (; *s; s++)
+                if (!kToken[static_cast<unsigned char>(*s)])
+                        return false;
+        return true;
+}
+
+// A value may hold any byte but the controls other than tab: a CR or LF would end the
+// header and let whoever chose the value write the rest of the head.
+bool isFieldValue(const char* s) {
+        for (; *s; s++) {
+                auto c = static_cast<unsigned char>(*s);
+                if ((c < 0x20 && c != '\t') || c == 0x7F)
+                        return false;
+        }
+        return true;
+}
+
+// Refuses, at the servlet's own call, a header that would not stay one line on the wire.
+void checkHeader(const char* key, const char* value) {
+        if (!isToken(key))
+                THROW(AssertException, "Invalid header name '%s'", key);
+        if (value && !isFieldValue(value))
+                THROW(AssertException, "Invalid value of header '%s'", key);
+}
+
+// Whether encodeURI writes c as %XX. A path decoded from the request has every such byte
+// encoded, its '%' and '?' too. A target is taken as already encoded, with its query,
+// fragment and address literal: only what no URI can hold is encoded there.
+bool needsEncoding(unsigned char c, bool decoded) {
+        if (decoded)
+                return URL_isunsafe(c) || c == '?';
+        return URL_isunsafe(c) && !strchr("%#[]", c);
+}
+
+char* encodeURI(Arena_T arena, const char* s, bool decoded) {
+        static constexpr char kHex[] = "0123456789ABCDEF";
+        size_t n = 0;
+        for (const char* p = s; *p; p++)
+                n += needsEncoding(static_cast<unsigned char>(*p), decoded) ? 3 : 1;
+        char* encoded = static_cast<char*>(ARENA_ALLOC(arena, static_cast<int>(n + 1)));
+        char* w = encoded;
+        for (const char* p = s; *p; p++) {
+                auto c = static_cast<unsigned char>(*p);
+                if (needsEncoding(c, decoded)) {
+                        *w++ = '%';
+                        *w++ = kHex[c >> 4];
+                        *w++ = kHex[c & 0x0f];
+                } else {
+                        *w++ = *p;
+                }
+        }
+        *w = 0;
+        return encoded;
+}
+
 char* format(HttpResponse_T H, const char* fmt, va_list ap) {
         return fmt ? Str_vcat_arena(H->arena, __func__, __FILE__, __LINE__, fmt, ap) : nullptr;
 }
 
+// Stores a header unless the head is locked; a malformed one raises even then, so that a
+// faulty servlet fails the same way whenever it calls.
 void putHeader(HttpResponse_T H, const char* key, const char* value, bool replace) {
+        checkHeader(key, value);
+        if (locked(H))
+                return;
         const char* k = Map_has(H->headers, key) ? key : STR_DUP_ARENA(H->arena, key);
         if (replace)
                 Map_set(H->headers, k, value);
@@ -176,6 +266,7 @@ void HttpResponse_setOutputStream(HttpResponse_T H, OutputStream_T out) {
         H->outputStream = out;
         OutputStream_setResponse(out, H);
         OutputStream_setBufferSize(out, kBufferSize);
+        bindHead(H);
 }
 
 OutputStream_T HttpResponse_getOutputStream(HttpResponse_T H) {
@@ -248,6 +339,7 @@ HttpConnector_T HttpResponse_getConnector(HttpResponse_T H) {
 void HttpResponse_setRequest(HttpResponse_T H, HttpRequest_T request) {
         assert(H);
         H->request = request;
+        bindHead(H);
 }
 
 HttpRequest_T HttpResponse_getRequest(HttpResponse_T H) {
@@ -268,6 +360,9 @@ Context_T HttpResponse_getContext(HttpResponse_T H) {
 void HttpResponse_setProtocol(HttpResponse_T H, const char* protocol) {
         assert(H);
         assert(protocol);
+        // It opens the status line, which it must not end.
+        if (!isFieldValue(protocol))
+                THROW(AssertException, "Invalid protocol '%s'", protocol);
         H->protocol = STR_DUP_ARENA(H->arena, protocol);
 }
 
@@ -286,23 +381,21 @@ long long HttpResponse_getBytesWritten(HttpResponse_T H) {
 void HttpResponse_addHeader(HttpResponse_T H, const char* key, const char* fmt, ...) {
         assert(H);
         assert(key);
-        if (locked(H))
-                return;
         va_list ap;
         va_start(ap, fmt);
-        putHeader(H, key, format(H, fmt, ap), false);
+        char* value = format(H, fmt, ap);
         va_end(ap);
+        putHeader(H, key, value, false);
 }
 
 void HttpResponse_setHeader(HttpResponse_T H, const char* key, const char* fmt, ...) {
         assert(H);
         assert(key);
-        if (locked(H))
-                return;
         va_list ap;
         va_start(ap, fmt);
-        putHeader(H, key, format(H, fmt, ap), true);
+        char* value = format(H, fmt, ap);
         va_end(ap);
+        putHeader(H, key, value, true);
 }
 
 void HttpResponse_addIntHeader(HttpResponse_T H, const char* key, long long value) {
@@ -358,9 +451,7 @@ int HttpResponse_containsHeaderValue(HttpResponse_T H, const char* key, const ch
 void HttpResponse_addCookie(HttpResponse_T H, Cookie_T cookie) {
         assert(H);
         assert(cookie);
-        if (locked(H))
-                return;
-        Map_put(H->headers, "Set-Cookie", Cookie_toString(cookie));
+        putHeader(H, "Set-Cookie", Cookie_toString(cookie), false);
 }
 
 void HttpResponse_reset(HttpResponse_T H) {
@@ -405,10 +496,17 @@ void HttpResponse_commit(HttpResponse_T H) {
         Chain_print(c, "Server: %s/%s\r\n", Container_Name, Container_Version);
         if (H->keepAlive == 0 || Str_isEqual(Map_get(H->headers, "Connection"), "close")) {
                 H->keepAlive = 0;
-        } else if (!Map_has(H->headers, "Content-Length")) {
-                // Length unknown on a kept connection: only chunks can delimit the body.
-                OutputStream_setChunked(H->outputStream, 1);
-                Chain_print(c, "Transfer-Encoding: chunked\r\n");
+        } else if (!Map_has(H->headers, "Content-Length") && !answersHead(H)) {
+                // Length unknown on a kept connection: only chunks can delimit the body, and an
+                // HTTP/1.0 client cannot read them, so for it the close does. A HEAD answer
+                // ends with its head and needs neither.
+                if (H->request && Str_isEqual(HttpRequest_getProtocol(H->request), "HTTP/1.0")) {
+                        H->keepAlive = 0;
+                        Map_set(H->headers, "Connection", "close");
+                } else {
+                        OutputStream_setChunked(H->outputStream, 1);
+                        Chain_print(c, "Transfer-Encoding: chunked\r\n");
+                }
         }
         if (!Map_has(H->headers, "Content-Type"))
                 Chain_print(c, "Content-Type: text/plain\r\n");
@@ -426,10 +524,18 @@ void HttpResponse_finalize(HttpResponse_T H) {
         OutputStream_T out = H->outputStream;
         OutputStream_end(out);
         if (!H->commited) {
-                // The whole body is still buffered, so its exact length is known.
-                if (!H->contentLengthSet)
+                // The whole body is still buffered, so its exact length is known. A HEAD's
+                // was measured as it was dropped. It is told only when it says what a GET
+                // would send: not when nothing was written, as by a page that is not
+                // rendered for HEAD, nor when it was to be compressed, which would take
+                // compressing a body that nobody receives.
+                long long measured = OutputStream_getDiscarded(out);
+                if (!H->contentLengthSet && !answersHead(H))
                         HttpResponse_setContentLength(
                             H, static_cast<unsigned long long>(OutputStream_buffered(out)));
+                else if (!H->contentLengthSet && measured > 0 &&
+                         !Map_has(H->headers, "Content-Encoding"))
+                        HttpResponse_setContentLength(H, static_cast<unsigned long long>(measured));
                 OutputStream_setChunked(out, 0);
                 HttpResponse_commit(H);
         } else if (OutputStream_isChunked(out)) {
@@ -440,30 +546,30 @@ void HttpResponse_finalize(HttpResponse_T H) {
 void HttpResponse_sendRedirect(HttpResponse_T H, const char* location, ...) {
         assert(H);
         assert(location);
-        if (locked(H))
-                return;
-        OutputStream_clear(H->outputStream);
         va_list ap;
         va_start(ap, location);
         char* target = format(H, location, ap);
         va_end(ap);
         if (!*target)
                 target = const_cast<char*>("/");
+        checkHeader("Location", target);
+        if (locked(H))
+                return;
+        OutputStream_clear(H->outputStream);
+        HttpResponse_removeHeader(H, "Content-Encoding");
         if (URL_isabsolute(target)) {
                 HttpResponse_setHeader(H, "Connection", "close");
-                HttpResponse_setHeader(H, "Location", "%s", target);
+                HttpResponse_setHeader(H, "Location", "%s", encodeURI(H->arena, target, false));
         } else {
                 // A relative target is resolved below the current path, not beside it.
-                char path[kLocationSize];
-                if (*target == '/')
-                        Str_copy(path, target, kLocationSize - 1);
-                else
-                        snprintf(path, sizeof path, "%s/%s",
-                                 H->request ? HttpRequest_getRequestURI(H->request) : "", target);
+                const char* uri = H->request ? HttpRequest_getRequestURI(H->request) : nullptr;
+                const char* below = uri ? encodeURI(H->arena, uri, true) : "";
+                char* path = *target == '/' ? STR_DUP_ARENA(H->arena, target)
+                                            : STR_CAT_ARENA(H->arena, "%s/%s", below, target);
                 URL_normalize(path);
                 HttpResponse_setHeader(H, "Location", "%s%s",
                                        H->request ? HttpRequest_getServerURL(H->request) : "",
-                                       path);
+                                       encodeURI(H->arena, path, false));
         }
         H->status = 302;
         HttpResponse_commit(H);
@@ -495,6 +601,9 @@ void HttpResponse_vsendError(HttpResponse_T H, int status, const char* fmt, va_l
                 HttpResponse_setHeader(H, "Connection", "close");
         ServerPage_T page = errorPage ? HttpResponse_getServerPage(H, errorPage) : nullptr;
         if (page) {
+                // A page starts compressing when it is made; an error is always sent plain.
+                OutputStream_clear(H->outputStream);
+                HttpResponse_removeHeader(H, "Content-Encoding");
                 KernelSeam_writeErrorPage(page, status, fmt ? message : reason);
         } else {
                 OutputStream_print(H->outputStream,

@@ -37,6 +37,11 @@ struct OutputStream_S {
         // A chunk went out since the head: every later chunk line and the final chunk
         // then begin with the CR LF that ends the data before them.
         int chunkSent;
+        // The body is measured and dropped, as for the answer to a HEAD: only the head
+        // is ever buffered, and compression is claimed in the head but never run.
+        int discard;
+        long long discarded;
+        int gzipClaimed;
 };
 
 namespace {
@@ -282,13 +287,28 @@ int OutputStream_buffered(OutputStream_T S) {
 
 int OutputStream_isCompressed(OutputStream_T S) {
         assert(S);
-        return S->chain->compressed;
+        return S->chain->compressed || S->gzipClaimed;
+}
+
+void OutputStream_setDiscard(OutputStream_T S, int discard) {
+        assert(S);
+        S->discard = discard;
+}
+
+long long OutputStream_getDiscarded(OutputStream_T S) {
+        assert(S);
+        return S->discarded;
 }
 
 void OutputStream_write(OutputStream_T S, const void* data, int n) {
         assert(S);
         if (S->isClosed || !data)
                 return;
+        if (S->discard) {
+                if (n > 0)
+                        S->discarded += n;
+                return;
+        }
         Chain_write(S->chain, data, n);
 }
 
@@ -296,6 +316,12 @@ void OutputStream_vprint(OutputStream_T S, const char* format, va_list ap) {
         assert(S);
         if (S->isClosed || !format || !*format)
                 return;
+        if (S->discard) {
+                int n = vsnprintf(nullptr, 0, format, ap);
+                if (n > 0)
+                        S->discarded += n;
+                return;
+        }
         Chain_vprint(S->chain, format, ap);
 }
 
@@ -316,6 +342,9 @@ void OutputStream_commit(OutputStream_T S, Chain_T headers) {
         assert(S && headers);
         if (!headers->first)
                 return;
+        // The head is out of the response's hands now, so that compression can no longer
+        // start behind it.
+        S->commited = 1;
         Chain_T C = S->chain;
         S->headers = headers;
         S->chunkSent = 0;
@@ -332,6 +361,8 @@ void OutputStream_commit(OutputStream_T S, Chain_T headers) {
 void OutputStream_clear(OutputStream_T S) {
         assert(S);
         S->bytesWritten = 0;
+        S->discarded = 0;
+        S->gzipClaimed = 0;
         Chain_clear(S->chain);
 }
 
@@ -343,6 +374,11 @@ int OutputStream_flush(OutputStream_T S) {
                 S->commited = 1;
                 HttpSeam_commit(S->response);
         }
+        if (S->discard) {
+                // Nothing but the head is buffered, and it needs no framing.
+                S->endChunk = 0;
+                S->headers = nullptr;
+        }
         if (S->chain->size == 0 && !S->endChunk)
                 return 0;
         if (S->chunked)
@@ -353,7 +389,7 @@ int OutputStream_flush(OutputStream_T S) {
 int OutputStream_startCompress(OutputStream_T S, int level) {
         assert(S);
         assert((level >= 0) && (level <= 9));
-        if (S->chain->compressed)
+        if (S->chain->compressed || S->gzipClaimed)
                 return 1;
         if (S->response) {
                 // Once the head is out its Content-Encoding can no longer change.
@@ -361,12 +397,17 @@ int OutputStream_startCompress(OutputStream_T S, int level) {
                         return 0;
                 HttpSeam_setGzipEncoding(S->response);
         }
+        if (S->discard) {
+                S->gzipClaimed = 1;
+                return 1;
+        }
         Chain_startCompress(S->chain, level);
         return S->chain->compressed;
 }
 
 void OutputStream_stopCompress(OutputStream_T S) {
         assert(S);
+        S->gzipClaimed = 0;
         if (S->chain->compressed)
                 Chain_stopCompress(S->chain);
 }
@@ -382,6 +423,10 @@ void OutputStream_setFileMap(OutputStream_T S, FileMap_T map) {
         int size = FileSource_length(map);
         if (!address || size < 1)
                 return;
+        if (S->discard) {
+                S->discarded += size;
+                return;
+        }
         // Mapped bytes cannot pass through the compressor.
         OutputStream_stopCompress(S);
         ChainNode_T n = Chain_append(S->chain, 1);

@@ -3,8 +3,12 @@
 
 #include <vesk/Container.h>
 #include <vesk/Error.h>
+#include <vesk/Exception.h>
 #include <vesk/Logger.h>
+#include <vesk/Mem.h>
 #include <vesk/assert.h>
+
+#include "kernel/Logger.hpp"
 
 namespace {
 
@@ -14,8 +18,26 @@ Logger_T errorLogger = nullptr;
 // failure goes to standard error instead of taking its own lock a second time.
 thread_local bool inErrorLog = false;
 
+// The console gets what the error log gets, escaped the same way: a terminal would take a
+// client's escape sequences as orders. With no memory left the text goes out unescaped
+// rather than not at all.
 void emit(FILE* out, const char* format, va_list ap) {
-        vfprintf(out, format, ap);
+        va_list copy;
+        va_copy(copy, ap);
+        char* entry = nullptr;
+        int length = 0;
+        TRY
+                entry = vesk::Logger_formatEntry(format, copy, &length);
+        ELSE
+                entry = nullptr;
+        END_TRY;
+        va_end(copy);
+        if (entry) {
+                fwrite(entry, 1, static_cast<size_t>(length), out);
+                FREE(entry);
+        } else {
+                vfprintf(out, format, ap);
+        }
         fflush(out);
 }
 

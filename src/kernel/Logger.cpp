@@ -1,7 +1,13 @@
+#include <errno.h>
 #include <pthread.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <wchar.h>
+
+#include <string_view>
 
 #include <vesk/Error.h>
 #include <vesk/File.h>
@@ -41,6 +47,193 @@ constexpr const char* kTimeStampFormat = "%Y-%m-%d %H:%M:%S";
 
 time_t (*clockSource)(void) = Time_now;
 
+bool isControl(unsigned char c) {
+        return c < 0x20 || c == 0x7F;
+}
+
+// A log entry under construction, on the heap. Text from an argument may not begin a line:
+// its control bytes are written as \xHH. A newline that ends an argument is held back,
+// since it may be the one that ends the entry.
+class Entry {
+public:
+        Entry() = default;
+        Entry(const Entry&) = delete;
+        Entry& operator=(const Entry&) = delete;
+        ~Entry() { FREE(data_); }
+
+        // The format's own text: its newlines break the line on purpose.
+        void literal(const char* s, size_t n) { add(s, n, true); }
+
+        void argument(const char* s, size_t n) { add(s, n, false); }
+
+        // The text, ended by a NUL, now the caller's; its length goes to *length.
+        char* release(int* length) {
+                if (held_)
+                        put("\n", 1);
+                held_ = false;
+                put("", 1);
+                *length = static_cast<int>(length_ - 1);
+                char* text = data_;
+                data_ = nullptr;
+                return text;
+        }
+
+private:
+        // Copies runs of plain bytes whole; each control byte is handled alone.
+        void add(const char* s, size_t n, bool ownNewlines) {
+                for (size_t i = 0; i < n;) {
+                        resolve();
+                        size_t plain = i;
+                        while (plain < n && !isControl(static_cast<unsigned char>(s[plain])))
+                                plain++;
+                        if (plain > i) {
+                                put(s + i, plain - i);
+                                i = plain;
+                                continue;
+                        }
+                        auto c = static_cast<unsigned char>(s[i++]);
+                        if (c == '\n' && ownNewlines)
+                                put("\n", 1);
+                        else if (c == '\n' && i == n)
+                                held_ = true;
+                        else
+                                escape(c);
+                }
+        }
+
+        // Something follows a held newline, so it did not end the entry.
+        void resolve() {
+                if (held_) {
+                        held_ = false;
+                        escape('\n');
+                }
+        }
+
+        void escape(unsigned char c) {
+                static constexpr char kHex[] = "0123456789ABCDEF";
+                const char e[4] = {'\\', 'x', kHex[c >> 4], kHex[c & 0x0f]};
+                put(e, 4);
+        }
+
+        void put(const char* s, size_t n) {
+                if (length_ + n > capacity_) {
+                        capacity_ = (length_ + n) * 2 + 64;
+                        int size = static_cast<int>(capacity_);
+                        if (data_)
+                                RESIZE(data_, size);
+                        else
+                                data_ = static_cast<char*>(ALLOC(size));
+                }
+                memcpy(data_ + length_, s, n);
+                length_ += n;
+        }
+
+        char* data_ = nullptr;
+        size_t length_ = 0;
+        size_t capacity_ = 0;
+        bool held_ = false;
+};
+
+// Formats one conversion, spec being its text from '%' to its letter, and adds the result
+// as argument text.
+template <typename T>
+void convert(Entry& entry, const char* spec, const int* stars, int nstars, T value) {
+        auto print = [&](char* buffer, size_t size) {
+                if (nstars == 2)
+                        return snprintf(buffer, size, spec, stars[0], stars[1], value);
+                if (nstars == 1)
+                        return snprintf(buffer, size, spec, stars[0], value);
+                return snprintf(buffer, size, spec, value);
+        };
+        char small[256];
+        int n = print(small, sizeof small);
+        if (n < 0)
+                return;
+        if (static_cast<size_t>(n) < sizeof small) {
+                entry.argument(small, static_cast<size_t>(n));
+                return;
+        }
+        char* large = static_cast<char*>(ALLOC(n + 1));
+        print(large, static_cast<size_t>(n) + 1);
+        entry.argument(large, static_cast<size_t>(n));
+        FREE(large);
+}
+
+// Takes the argument of one conversion off ap by its length modifier and letter, and
+// formats it. False for a conversion it does not know.
+bool convertNext(Entry& entry, const char* spec, const int* stars, int nstars,
+                 std::string_view length, char letter, va_list& ap) {
+        auto is = [&](const char* l) { return length == l; };
+        switch (letter) {
+        case 'd':
+        case 'i':
+                if (is("l"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, long));
+                else if (is("ll") || is("q") || is("L"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, long long));
+                else if (is("j"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, intmax_t));
+                else if (is("z") || is("Z"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, ssize_t));
+                else if (is("t"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, ptrdiff_t));
+                else
+                        convert(entry, spec, stars, nstars, va_arg(ap, int));
+                return true;
+        case 'o':
+        case 'u':
+        case 'x':
+        case 'X':
+                if (is("l"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned long));
+                else if (is("ll") || is("q") || is("L"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned long long));
+                else if (is("j"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, uintmax_t));
+                else if (is("z") || is("Z"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, size_t));
+                else if (is("t"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, ptrdiff_t));
+                else
+                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned));
+                return true;
+        case 'c':
+                if (is("l"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, wint_t));
+                else
+                        convert(entry, spec, stars, nstars, va_arg(ap, int));
+                return true;
+        case 's':
+                if (is("l"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, const wchar_t*));
+                else
+                        convert(entry, spec, stars, nstars, va_arg(ap, const char*));
+                return true;
+        case 'p':
+                convert(entry, spec, stars, nstars, va_arg(ap, void*));
+                return true;
+        case 'e':
+        case 'E':
+        case 'f':
+        case 'F':
+        case 'g':
+        case 'G':
+        case 'a':
+        case 'A':
+                if (is("L"))
+                        convert(entry, spec, stars, nstars, va_arg(ap, long double));
+                else
+                        convert(entry, spec, stars, nstars, va_arg(ap, double));
+                return true;
+        case 'n':
+                // Nothing is written through a log line.
+                (void)va_arg(ap, void*);
+                return true;
+        default:
+                return false;
+        }
+}
+
 void doOpen(Logger_T L) {
         File_T file = File_new("%s", L->fileName);
         L->stream = FileOutputStream_new(file);
@@ -59,15 +252,22 @@ void doLog(Logger_T L, const char* format, va_list ap) {
         if (L->failed || !format || !*format)
                 return;
         TRY
-                if (L->timestamp) {
-                        time_t now = clockSource();
-                        struct tm tm;
-                        localtime_r(&now, &tm);
-                        if (strftime(L->timeStampBuffer, sizeof L->timeStampBuffer, L->timeStampFormat,
-                                     &tm) > 0)
-                                FileOutputStream_print(L->stream, "%s ", L->timeStampBuffer);
-                }
-                FileOutputStream_vprint(L->stream, format, ap);
+                int length;
+                char* entry = vesk::Logger_formatEntry(format, ap, &length);
+                TRY
+                        if (L->timestamp) {
+                                time_t now = clockSource();
+                                struct tm tm;
+                                localtime_r(&now, &tm);
+                                if (strftime(L->timeStampBuffer, sizeof L->timeStampBuffer,
+                                             L->timeStampFormat, &tm) > 0)
+                                        FileOutputStream_print(L->stream, "%s ",
+                                                               L->timeStampBuffer);
+                        }
+                        FileOutputStream_write(L->stream, entry, length);
+                FINALLY
+                        FREE(entry);
+                END_TRY;
         CATCH(IOException)
                 // Silent for good: a full disk must not take the server down with it.
                 L->failed = 1;
@@ -148,6 +348,73 @@ void cancelTimer(int id) {
 }
 
 }  // namespace
+
+char* vesk::Logger_formatEntry(const char* format, va_list ap, int* length) {
+        assert(format);
+        assert(length);
+        int savedErrno = errno;
+        Entry entry;
+        va_list args;
+        va_copy(args, ap);
+        const char* p = format;
+        while (*p) {
+                if (*p != '%' || p[1] == '%') {
+                        const char* end = *p == '%' ? p + 1 : strchrnul(p, '%');
+                        entry.literal(p, static_cast<size_t>(end - p));
+                        p = *p == '%' ? p + 2 : end;
+                        continue;
+                }
+                const char* start = p++;
+                int stars[2];
+                int nstars = 0;
+                p += strspn(p, "-+ #0'I");
+                if (*p == '*') {
+                        stars[nstars++] = va_arg(args, int);
+                        p++;
+                } else {
+                        p += strspn(p, "0123456789");
+                }
+                if (*p == '.') {
+                        p++;
+                        if (*p == '*') {
+                                stars[nstars++] = va_arg(args, int);
+                                p++;
+                        } else {
+                                p += strspn(p, "0123456789");
+                        }
+                }
+                const char* lengthStart = p;
+                p += strspn(p, "hlqLjzZt");
+                std::string_view modifier(lengthStart, static_cast<size_t>(p - lengthStart));
+                char spec[64];
+                size_t specLength = static_cast<size_t>(p - start) + 1;
+                bool known = *p && specLength < sizeof spec;
+                if (known && *p == 'm') {
+                        entry.argument(strerror(savedErrno), strlen(strerror(savedErrno)));
+                        p++;
+                        continue;
+                }
+                if (known) {
+                        memcpy(spec, start, specLength);
+                        spec[specLength] = 0;
+                        known = convertNext(entry, spec, stars, nstars, modifier, *p, args);
+                }
+                if (!known) {
+                        // A form this walk does not take apart, such as a numbered argument,
+                        // is formatted whole from here on and escaped as data.
+                        va_list rest;
+                        va_copy(rest, args);
+                        char* text = Str_vcat(start, rest);
+                        va_end(rest);
+                        entry.argument(text, strlen(text));
+                        FREE(text);
+                        break;
+                }
+                p++;
+        }
+        va_end(args);
+        return entry.release(length);
+}
 
 void vesk::Logger_setClock(time_t (*clock)(void)) {
         clockSource = clock ? clock : Time_now;

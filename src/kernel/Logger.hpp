@@ -1,11 +1,19 @@
-// Seams of the Logger for tests: the clock it reads, and the rotation plan.
+// Seams of the Logger for tests (the clock it reads, and the rotation plan), and the
+// formatting of entries that the error functions share with it.
 #pragma once
 
+#include <stdarg.h>
 #include <time.h>
 
 #include <vesk/Logger.h>
 
 namespace vesk {
+
+// One entry formatted as vsnprintf would, as heap text for the caller to free, its length
+// in *length. Every control byte and DEL is written as \xHH, except the newlines of the
+// format itself, which the server writes on purpose, and a newline that ends the entry:
+// so no argument, whatever a client or a servlet put in it, can begin a line of the log.
+char* Logger_formatEntry(const char* format, va_list ap, int* length);
 
 // Replaces the clock that timestamps, rotation planning and rotated names read;
 // nullptr restores the real one.

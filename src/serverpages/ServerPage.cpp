@@ -234,9 +234,13 @@ int ServerPage_write(ServerPage_T P) {
                 err = cs_parse_file(cs, P->path);
         if (err) {
                 // The template's fault is shown to the client as the page's body, as a
-                // server error when nothing has gone out yet.
-                if (!HttpResponse_isCommited(P->response))
+                // server error when nothing has gone out yet: alone, and plain, since an
+                // error is never compressed.
+                if (!HttpResponse_isCommited(P->response)) {
+                        OutputStream_clear(P->output);
+                        HttpResponse_removeHeader(P->response, "Content-Encoding");
                         HttpResponse_setStatus(P->response, 500);
+                }
                 STRING text;
                 string_init(&text);
                 nerr_error_string(err, &text);
