@@ -11,6 +11,7 @@
 
 #include <vesk/InetAddress.h>
 #include <vesk/Net.h>
+#include <vesk/OutputStream.h>
 #include <vesk/ServerSocket.h>
 #include <vesk/Socket.h>
 
@@ -250,4 +251,28 @@ TEST(Net, AbortResetsThePeer) {
         char b[4];
         EXPECT_EQ(recv(L.client, b, sizeof b, 0), -1);
         EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST(Net, HalfCloseSendsTheEndAndKeepsReading) {
+        Loopback L;
+        ASSERT_TRUE(L.peer);
+        L.send("request");
+        OutputStream_T out = InetAddress_getOutputStream(L.peer);
+        OutputStream_print(out, "answer");
+        OutputStream_flush(out);
+        InetAddress_halfClose(L.peer);
+        // The client reads the whole answer and then the end, with nothing reset...
+        EXPECT_EQ(L.receive(), "answer");
+        char b[16];
+        EXPECT_EQ(recv(L.client, b, sizeof b, 0), 0);
+        // ...and what it sends after the end still reaches the server, unread bytes included.
+        L.send("more");
+        int fd = L.fd();
+        std::string got;
+        for (ssize_t n; Net_canRead(fd, 2000) && (n = read(fd, b, sizeof b)) > 0;) {
+                got.append(b, static_cast<size_t>(n));
+                if (got.size() >= 11)
+                        break;
+        }
+        EXPECT_EQ(got, "requestmore");
 }
