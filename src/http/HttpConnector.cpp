@@ -4,7 +4,10 @@
 #include <pthread.h>
 #include <stdarg.h>
 #include <string.h>
+#include <stdint.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <vesk/Context.h>
 #include <vesk/Dispatcher.h>
@@ -35,6 +38,21 @@
 #include "http/ConnectorSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
+namespace {
+
+// A connection closing behind its answer while the client may still be sending: it is
+// half-closed and read until the client closes too. It lives in the connection's arena.
+struct Linger {
+        InetAddress_T inet;
+        EventHandler_T handler;
+        int64_t deadline;  // Time_milli when the connection closes, whatever the client does
+        long drained;
+        Linger* prev;
+        Linger* next;
+};
+
+}  // namespace
+
 struct HttpConnector_S {
         int port;
         int secure;
@@ -61,6 +79,7 @@ struct HttpConnector_S {
         int connections;      // accepted and not yet closed; touched on the Reactor thread only
         int busy;             // dispatched and not yet answered in full; Reactor thread only
         int draining;         // stopping: no new connections, none kept alive
+        Linger* lingering;    // half-closed connections still read; Reactor thread only
 };
 
 namespace {
@@ -70,6 +89,16 @@ constexpr int kKeepAliveRequests = 100;
 // Each read that brings no complete head costs the connection this much of its budget.
 constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
+
+// A lingering close ends when the client closes, or at the first of these bounds: a
+// silence, a time in all, and the bytes read, which let a 10 MiB upload refused with 413
+// be sent in full and its answer be read.
+constexpr int kLingerSilence = 5000;    // milliseconds
+constexpr int64_t kLingerTime = 30000;  // milliseconds
+constexpr long kLingerBytes = 64L << 20;
+// Reads of a lingering connection per event, so that one client cannot hold the loop.
+constexpr int kLingerReads = 32;
+constexpr int kLingerReadSize = 16384;
 
 const char* remote(InetAddress_T inet) {
         return InetAddress_getRemoteHostAddress(inet);
@@ -89,6 +118,88 @@ void closeConnection(InetAddress_T inet, bool reset) {
 void _readRequest(EventHandler_T handler, int revents);
 void _handlePostData(EventHandler_T handler, int revents);
 void s_endResponse(EventHandler_T handler, int revents);
+void _linger(EventHandler_T handler, int revents);
+
+/* ----------------------------------------------------------- Lingering close */
+
+// Closes a lingering connection; its record goes with the connection's arena.
+void endLinger(HttpConnector_T H, Linger* L) {
+        if (L->prev)
+                L->prev->next = L->next;
+        else
+                H->lingering = L->next;
+        if (L->next)
+                L->next->prev = L->prev;
+        // The watcher goes before the descriptor closes.
+        Reactor_removeHandler(H->reactor, L->handler);
+        closeConnection(L->inet, false);
+}
+
+// Ends a connection whose client may still be sending. Closing a socket with unread bytes
+// resets the connection, and the reset destroys an answer the client has not read yet:
+// so the sending side is shut down, and what the client still sends is read and dropped
+// until it closes its side too, or a bound is reached.
+void linger(InetAddress_T inet) {
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        EventHandler_T handler =
+            H ? Reactor_createHandler(H->reactor, InetAddress_getSocket(inet)) : nullptr;
+        if (!handler) {
+                closeConnection(inet, false);
+                return;
+        }
+        InetAddress_halfClose(inet);
+        auto L = static_cast<Linger*>(ARENA_CALLOC(InetAddress_getArena(inet), 1, sizeof(Linger)));
+        L->inet = inet;
+        L->handler = handler;
+        L->deadline = Time_milli() + kLingerTime;
+        L->next = H->lingering;
+        if (L->next)
+                L->next->prev = L;
+        H->lingering = L;
+        EventHandler_setData(handler, L);
+        EventHandler_setHandler(handler, _linger);
+        EventHandler_setTimeout(handler, kLingerSilence);
+        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                endLinger(H, L);
+}
+
+void _linger(EventHandler_T handler, int revents) {
+        Linger* L = static_cast<Linger*>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(L->inet);
+        if (revents != Reactor_Read) {
+                endLinger(H, L);  // silence, or an event no lingering connection expects
+                return;
+        }
+        char sink[kLingerReadSize];
+        for (int i = 0; i < kLingerReads; i++) {
+                errno = 0;
+                ssize_t n = Net_read(EventHandler_getHandle(handler), sink, sizeof sink, 0);
+                if (n == 0 && errno == EAGAIN)
+                        break;
+                if (n <= 0 || (L->drained += n) >= kLingerBytes) {
+                        endLinger(H, L);
+                        return;
+                }
+        }
+        // The handler's timeout counts whole seconds, so less than one left is none left.
+        int64_t left = L->deadline - Time_milli();
+        if (left < 1000) {
+                endLinger(H, L);
+                return;
+        }
+        EventHandler_setTimeout(handler, static_cast<int>(std::min<int64_t>(kLingerSilence, left)));
+        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                endLinger(H, L);
+}
+
+// Whether the client has sent more than this connection has read: bytes in the input
+// buffer, bytes on the socket, or a body framed by Transfer-Encoding, which is never read
+// to its last byte.
+bool unreadInput(InetAddress_T inet, HttpRequest_T request) {
+        return (request && HttpRequest_containsHeader(request, "Transfer-Encoding")) ||
+               InputStream_buffered(InetAddress_getInputStream(inet)) > 0 ||
+               Net_canRead(InetAddress_getSocket(inet), 0);
+}
 
 // The last resort when no HttpResponse can be used: a complete error page written
 // straight to the socket, flushed once, and the connection closed.
@@ -117,7 +228,8 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         OutputStream_flush(out);
         Error_error("[client %s] HTTP %d %s %s\n", remote(inet), status, reason, text);
         FREE(message);
-        closeConnection(inet, false);
+        // The client may be sending still: a refused upload above all.
+        linger(inet);
 }
 
 // Hands a complete request to a processor thread; the connection has no watcher until the
@@ -501,7 +613,10 @@ void s_endResponse(EventHandler_T handler, int revents) {
                 accessLog(log, inet, request, response);
         HttpRequest_end(request);
         if (!HttpResponse_getKeepAlive(response) || H->draining) {
-                closeConnection(inet, false);
+                if (unreadInput(inet, request))
+                        linger(inet);
+                else
+                        closeConnection(inet, false);
                 return;
         }
         // Bytes the client sent behind this request are dropped here: no pipelining.
@@ -668,6 +783,9 @@ void HttpConnector_stop(HttpConnector_T H) {
         if (H->responsePipe[0] >= 0)
                 drainResponsePipe(H);
         closeResponsePipe(H);
+        // Their answers are out: a stop does not wait for clients that keep sending.
+        while (H->lingering)
+                endLinger(H, H->lingering);
         H->busy = 0;
         H->draining = 0;
         Error_debug("Connector stopped\n");
