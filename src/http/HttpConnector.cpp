@@ -117,6 +117,7 @@ void closeConnection(InetAddress_T inet, bool reset) {
 
 void _readRequest(EventHandler_T handler, int revents);
 void _handlePostData(EventHandler_T handler, int revents);
+void _skipBody(EventHandler_T handler, int revents);
 void s_endResponse(EventHandler_T handler, int revents);
 void _linger(EventHandler_T handler, int revents);
 
@@ -406,6 +407,15 @@ void _readRequest(EventHandler_T handler, int revents) {
                 _handlePostData(handler, Reactor_Read);
                 return;
         }
+        // A body on a method that takes none is read all the same, and dropped, so that
+        // none of its bytes can pass for the next request on the connection.
+        if (parser.hasContentLength && parser.contentLength > 0) {
+                EventHandler_setData(handler, inet);
+                EventHandler_setHandler(handler, _skipBody);
+                EventHandler_setTimeout(handler, H->connectionTimeout);
+                _skipBody(handler, Reactor_Read);
+                return;
+        }
         dispatch(H, inet, request);
 }
 
@@ -471,6 +481,60 @@ void _handlePostData(EventHandler_T handler, int revents) {
                         // client that keeps sending is never timed out.
                         if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                                 HttpStore_destroy(store);
+                                _sendError(inet, 500, "Could not register with Reactor");
+                        }
+                        return;
+                }
+        }
+}
+
+// Reads a body that no servlet will see, on a method that takes none, and drops it. The
+// handler's data is the connection and its state counts the bytes read.
+void _skipBody(EventHandler_T handler, int revents) {
+        InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (revents == Reactor_Timeout) {
+                Error_error("[client %s] could not read request body -- read timed out\n",
+                            remote(inet));
+                closeConnection(inet, true);
+                return;
+        }
+        if (revents != Reactor_Read) {
+                Error_error("Unexpected event [%d] received in _skipBody\n", revents);
+                closeConnection(inet, true);
+                return;
+        }
+        HttpRequest_T request = InetAddress_getRequest(inet);
+        InputStream_T in = InetAddress_getInputStream(inet);
+        int length = HttpRequest_getContentLength(request);
+        char buffer[kReadSize];
+        for (;;) {
+                int skipped = EventHandler_getState(handler);
+                // Never past the body: what follows it belongs to no request.
+                int want = std::min(length - skipped, kReadSize);
+                int n = InputStream_readBytes(in, buffer, want);
+                if (n < 0) {
+                        Error_error("[client %s] could not read request body -- network error\n",
+                                    remote(inet));
+                        closeConnection(inet, true);
+                        return;
+                }
+                skipped += n;
+                EventHandler_setState(handler, skipped);
+                if (skipped >= length) {
+                        EventHandler_setState(handler, 0);
+                        dispatch(H, inet, request);
+                        return;
+                }
+                if (n < want) {
+                        // The stream ran dry: the rest must come from the network.
+                        if (Inputstream_peerClosed(in)) {
+                                Error_error(
+                                    "[client %s] could not read request body -- peer closed "
+                                    "connection\n",
+                                    remote(inet));
+                                closeConnection(inet, true);
+                        } else if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                                 _sendError(inet, 500, "Could not register with Reactor");
                         }
                         return;
