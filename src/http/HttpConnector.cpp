@@ -90,6 +90,9 @@ constexpr int kKeepAliveRequests = 100;
 constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
 
+constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr int kContinueSize = sizeof kContinue - 1;
+
 // A lingering close ends when the client closes, or at the first of these bounds: a
 // silence, a time in all, and the bytes read, which let a 10 MiB upload refused with 413
 // be sent in full and its answer be read.
@@ -311,6 +314,70 @@ void _doAccept(EventHandler_T handler, int revents) {
 
 /* --------------------------------------------------------- Reading a request */
 
+// What the client expects before it sends a body: 1 for "100-continue", 0 for nothing,
+// -1 for anything else, which this server cannot meet.
+int expectation(HttpRequest_T request) {
+        const char** values = HttpRequest_getHeaderValues(request, "Expect");
+        if (!values)
+                return 0;
+        for (; *values; values++)
+                if (!Str_isEqual(*values, "100-continue"))
+                        return -1;
+        return 1;
+}
+
+// Ends a body that cannot be read: its store goes first, then the connection.
+void dropBody(HttpStore_T store, InetAddress_T inet) {
+        if (store)
+                HttpStore_destroy(store);
+        closeConnection(inet, true);
+}
+
+// Writes what is left of the interim "100 Continue"; the handler's state counts what has
+// gone out. Straight to the socket, as the output stream would put a response head in
+// front of it. 1 when all of it is out (the state is 0 again), 0 when the handler now
+// waits to write the rest, -1 when the connection failed and is gone (with store, if
+// any).
+int sendContinue(EventHandler_T handler, InetAddress_T inet, HttpStore_T store) {
+        SSL_T ssl = InetAddress_getSSL(inet);
+        int sent = EventHandler_getState(handler);
+        while (sent < kContinueSize) {
+                errno = 0;
+                int n =
+                    ssl ? SSLTransport_write(ssl, kContinue + sent, kContinueSize - sent, 0)
+                        : static_cast<int>(Net_write(InetAddress_getSocket(inet), kContinue + sent,
+                                                     static_cast<size_t>(kContinueSize - sent), 0));
+                if (n == 0 && errno == EAGAIN) {
+                        EventHandler_setState(handler, sent);
+                        if (Reactor_registerHandler(InetAddress_getConnector(inet)->reactor,
+                                                    handler, Reactor_Write))
+                                return 0;
+                }
+                if (n <= 0) {
+                        Error_debug(
+                            "[client %s] could not send 100 Continue -- connection was "
+                            "closed\n",
+                            remote(inet));
+                        dropBody(store, inet);
+                        return -1;
+                }
+                sent += n;
+        }
+        EventHandler_setState(handler, 0);
+        return 1;
+}
+
+// The socket took more of the interim answer: once all of it is out, the body is awaited.
+void continueBody(EventHandler_T handler, InetAddress_T inet, HttpStore_T store) {
+        if (sendContinue(handler, inet, store) > 0 &&
+            !Reactor_registerHandler(InetAddress_getConnector(inet)->reactor, handler,
+                                     Reactor_Read)) {
+                if (store)
+                        HttpStore_destroy(store);
+                _sendError(inet, 500, "Could not register with Reactor");
+        }
+}
+
 void _readRequest(EventHandler_T handler, int revents) {
         InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
         HttpConnector_T H = InetAddress_getConnector(inet);
@@ -392,6 +459,15 @@ void _readRequest(EventHandler_T handler, int revents) {
                 HttpRequest_setServerPort(request, H->proxyPort);
         HttpRequest_setContext(request, context);
         HttpResponse_setContext(parser.response, context);
+        int expects = expectation(request);
+        if (expects < 0) {
+                _sendError(inet, 417, "Only 100-continue can be expected");
+                return;
+        }
+        // The interim answer goes only to a client that waits for it: one whose body has
+        // not begun to arrive.
+        bool interim =
+            expects && parser.http11 && InputStream_buffered(InetAddress_getInputStream(inet)) == 0;
         if (parser.hasBody) {
                 HttpStore_T store = HttpStore_alloc(inet, parser.contentKind, parser.contentLength,
                                                     H->contentLengthBufferLimit,
@@ -403,6 +479,8 @@ void _readRequest(EventHandler_T handler, int revents) {
                 EventHandler_setData(handler, store);
                 EventHandler_setHandler(handler, _handlePostData);
                 EventHandler_setTimeout(handler, H->connectionTimeout);
+                if (interim && sendContinue(handler, inet, store) < 1)
+                        return;
                 // Body bytes may already sit in the input buffer behind the head.
                 _handlePostData(handler, Reactor_Read);
                 return;
@@ -413,16 +491,12 @@ void _readRequest(EventHandler_T handler, int revents) {
                 EventHandler_setData(handler, inet);
                 EventHandler_setHandler(handler, _skipBody);
                 EventHandler_setTimeout(handler, H->connectionTimeout);
+                if (interim && sendContinue(handler, inet, nullptr) < 1)
+                        return;
                 _skipBody(handler, Reactor_Read);
                 return;
         }
         dispatch(H, inet, request);
-}
-
-// Ends a body that cannot be read: its store goes first, then the connection.
-void dropBody(HttpStore_T store, InetAddress_T inet) {
-        HttpStore_destroy(store);
-        closeConnection(inet, true);
 }
 
 void _handlePostData(EventHandler_T handler, int revents) {
@@ -433,6 +507,10 @@ void _handlePostData(EventHandler_T handler, int revents) {
                 Error_error("[client %s] could not read request body -- read timed out\n",
                             remote(inet));
                 dropBody(store, inet);
+                return;
+        }
+        if (revents == Reactor_Write) {
+                continueBody(handler, inet, store);
                 return;
         }
         if (revents != Reactor_Read) {
@@ -497,6 +575,10 @@ void _skipBody(EventHandler_T handler, int revents) {
                 Error_error("[client %s] could not read request body -- read timed out\n",
                             remote(inet));
                 closeConnection(inet, true);
+                return;
+        }
+        if (revents == Reactor_Write) {
+                continueBody(handler, inet, nullptr);
                 return;
         }
         if (revents != Reactor_Read) {

@@ -1,6 +1,6 @@
-// Where one request ends and the next begins: bodies on methods that take none, and
-// answers that must reach a client still sending. Raw bytes over loopback, since a client
-// library hides each fault.
+// Where one request ends and the next begins: the interim answer to a client that waits
+// before it sends its body, bodies on methods that take none, and answers that must reach
+// a client still sending. Raw bytes over loopback, since a client library hides each fault.
 #include <gtest/gtest.h>
 
 #include <errno.h>
@@ -17,6 +17,7 @@ namespace {
 
 using namespace e2e;
 
+const std::string kContinue = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr long kLimit = 1 << 20;
 const std::string kForm = "Content-Type: application/x-www-form-urlencoded\r\n";
 const std::string kSmuggled = "GET /app/upload?tag=smuggled HTTP/1.1\r\nHost: localhost\r\n\r\n";
@@ -58,6 +59,119 @@ protected:
         }
         Home home;
 };
+
+/* ------------------------------------------------------- The interim answer */
+
+TEST_P(RequestFraming, ClientWaitingBeforeItsBodyIsAskedForIt) {
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+        int s = dial(home.port);
+        ASSERT_GE(s, 0);
+        // The head alone: the server asks for the body, and then answers the request.
+        ASSERT_TRUE(sendAll(s, head("POST", "/app/upload?tag=one",
+                                    kForm + length(10) + "Expect: 100-continue\r\n")));
+        EXPECT_EQ(readAll(s, kContinue.size()), kContinue);
+        ASSERT_TRUE(sendAll(s, "data=hello"));
+        Reply r = parse(readResponse(s));
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(r.body, "POST tag=one length=10 data=hello");
+        // A body sent along with its head is not waited for, so nothing comes before the
+        // answer.
+        ASSERT_TRUE(sendAll(s, head("POST", "/app/upload?tag=two",
+                                    kForm + length(10) + "Expect: 100-Continue\r\n") +
+                                   "data=again"));
+        std::string raw = readResponse(s);
+        EXPECT_EQ(raw.rfind("HTTP/1.1 200 ", 0), 0u) << raw;
+        EXPECT_EQ(parse(raw).body, "POST tag=two length=10 data=again");
+        // A body on a GET is read as well (to be dropped), so it is asked for too.
+        ASSERT_TRUE(sendAll(
+            s, head("GET", "/app/upload?tag=three", length(5) + "Expect: 100-continue\r\n")));
+        EXPECT_EQ(readAll(s, kContinue.size()), kContinue);
+        ASSERT_TRUE(sendAll(s, "hello"));
+        EXPECT_EQ(parse(readResponse(s)).body, "GET tag=three length=5 data=null");
+        // HTTP/1.0 knows no interim answers: the body is simply awaited.
+        ASSERT_TRUE(sendAll(s, head("POST", "/app/upload?tag=four",
+                                    kForm + length(9) + "Expect: 100-continue\r\n", "HTTP/1.0")));
+        pause(s);
+        ASSERT_TRUE(sendAll(s, "data=last"));
+        raw = readAll(s);
+        EXPECT_EQ(raw.rfind("HTTP/1.1 200 ", 0), 0u) << raw;
+        EXPECT_EQ(parse(raw).body, "POST tag=four length=9 data=last");
+        close(s);
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+TEST_P(RequestFraming, RefusedBodyGetsTheFinalAnswerInsteadOfTheInterimOne) {
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+        const std::string expect = "Expect: 100-continue\r\n";
+        struct Case {
+                std::string request;
+                int status;
+        } cases[] = {
+            {head("POST", "/app/upload", kForm + length(kLimit + 1) + expect), 413},
+            {head("POST", "/app/upload", "Bad Header: x\r\n" + length(10) + expect), 400},
+            {"POST / HTTP/1.1\r\nHost: 127.0.0.2\r\n" + length(10) + expect + "\r\n", 404},
+            // Only 100-continue can be met; any other expectation is refused at once.
+            {head("POST", "/app/upload", kForm + length(10) + "Expect: 200-ok\r\n"), 417},
+            {head("GET", "/app/upload", "Expect: x\r\n"), 417},
+        };
+        for (const Case& c : cases) {
+                int s = dial(home.port);
+                ASSERT_GE(s, 0);
+                ASSERT_TRUE(sendAll(s, c.request));
+                std::string raw = readAll(s);
+                EXPECT_EQ(parse(raw).status, c.status) << c.request << raw;
+                EXPECT_FALSE(contains(raw, "100 Continue")) << c.request << raw;
+                close(s);
+        }
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+TEST_P(RequestFraming, CurlUploadIsAskedForItsBodyAtOnce) {
+        const char* curl = "/usr/bin/curl";
+        if (access(curl, X_OK) != 0)
+                GTEST_SKIP() << "no curl here";
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+        std::string data(2000, 'c');
+        home.write("upload.txt", "data=" + data);
+        // Told to wait far longer than it would for the interim answer, curl shows whether
+        // it came.
+        std::vector<std::string> args = {
+            curl,
+            "-sS",
+            "-v",
+            "--noproxy",
+            "*",
+            "--expect100-timeout",
+            "30",
+            "-H",
+            "Expect: 100-continue",
+            "--data-binary",
+            "@" + (home / "upload.txt"),
+            "http://127.0.0.1:" + std::to_string(home.port) + "/app/upload?tag=curl"};
+        std::vector<char*> argv;
+        for (std::string& a : args)
+                argv.push_back(a.data());
+        argv.push_back(nullptr);
+        std::string out = home / "curl.out", err = home / "curl.err";
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                         0644);
+        pid_t pid;
+        ASSERT_EQ(posix_spawn(&pid, curl, &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        int status = -1;
+        waitpid(pid, &status, 0);
+        EXPECT_EQ(status, 0) << readFile(err);
+        EXPECT_TRUE(contains(readFile(err), "< HTTP/1.1 100 Continue")) << readFile(err);
+        EXPECT_EQ(readFile(out), "POST tag=curl length=2005 data=" + data);
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
 
 /* ----------------------------------------------- Bodies on methods without one */
 
