@@ -708,25 +708,6 @@ void makeSecure(HttpConnector_T connector, Engine_T engine, const TempDir& dir) 
         HttpConnector_setSecure(connector, 1);
 }
 
-TEST_F(HttpConnectorTest, InterimAnswerGoesThroughTls) {
-        makeSecure(connector, engine, dir);
-        start();
-        int fd = connectTo(port);
-        {
-                RawTlsClient tls(fd);
-                ASSERT_TRUE(tls.connect());
-                std::string request =
-                    post("/echo", "data=sealed", "Expect: 100-continue\r\nConnection: close\r\n");
-                ASSERT_TRUE(tls.send(request.substr(0, request.size() - 11)));
-                EXPECT_EQ(tls.receive(25), "HTTP/1.1 100 Continue\r\n\r\n");
-                ASSERT_TRUE(tls.send("data=sealed"));
-                std::string answer = tls.receive(1 << 20);
-                EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
-                EXPECT_EQ(answer.substr(answer.size() - 6), "sealed") << answer;
-        }
-        close(fd);
-}
-
 TEST_F(HttpConnectorTest, RefusedUploadOverTlsIsAnsweredBeforeTheClose) {
         makeSecure(connector, engine, dir);
         HttpConnector_setContentLengthLimit(connector, 1 << 20);

@@ -1,4 +1,4 @@
-/* A servlet that tells what reached it, whatever the method: the method, the query
+/* A servlet that tells what reached it, for every method but PUT: the method, the query
    parameter "tag", the declared body length and the form parameter "data". A HEAD gets
    no body, as its client reads none. */
 #include <vesk/vesk.h>
@@ -23,10 +23,6 @@ int doHead(HttpRequest_T req, HttpResponse_T res) {
 }
 
 int doPost(HttpRequest_T req, HttpResponse_T res) {
-        return answer(req, res);
-}
-
-int doPut(HttpRequest_T req, HttpResponse_T res) {
         return answer(req, res);
 }
 
