@@ -6,6 +6,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <signal.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -694,4 +695,41 @@ TEST_F(HttpConnectorTest, SecurePortTakesItsIdentityFromTheHostOfTheAddress) {
         close(fd);
         // A client that does not speak TLS is reset without an answer.
         EXPECT_EQ(exchange(get("/hello")), "");
+}
+
+// A TLS listener whose identity is that of a host bound to 127.0.0.1.
+void makeSecure(HttpConnector_T connector, Engine_T engine, const TempDir& dir) {
+        Host_T secure = Host_new();
+        Host_setName(secure, "secure.localhost");
+        Host_setAddress(secure, "127.0.0.1");
+        Host_setCertificate(secure, makeCertificate(dir).c_str());
+        Engine_addHost(engine, secure);
+        Host_start(secure);
+        HttpConnector_setSecure(connector, 1);
+}
+
+TEST_F(HttpConnectorTest, RefusedUploadOverTlsIsAnsweredBeforeTheClose) {
+        makeSecure(connector, engine, dir);
+        HttpConnector_setContentLengthLimit(connector, 1 << 20);
+        start();
+        // A reset must fail the test, not end the process.
+        struct IgnoreBrokenPipe {
+                struct sigaction saved;
+                IgnoreBrokenPipe() {
+                        struct sigaction ignore = {};
+                        ignore.sa_handler = SIG_IGN;
+                        sigaction(SIGPIPE, &ignore, &saved);
+                }
+                ~IgnoreBrokenPipe() { sigaction(SIGPIPE, &saved, nullptr); }
+        } ignoring;
+        int fd = connectTo(port);
+        {
+                RawTlsClient tls(fd);
+                ASSERT_TRUE(tls.connect());
+                // All of the refused body goes out before the answer is read: the server
+                // must read it away instead of resetting the connection under the answer.
+                EXPECT_TRUE(tls.send(post("/echo", "data=" + std::string(4 << 20, 'u'))));
+                expectErrorPage(tls.receive(1 << 20), 413, "");
+        }
+        close(fd);
 }

@@ -73,6 +73,9 @@ TEST(HttpLexer, EachFailureGivesItsStatusAndMessage) {
             {"POST / HTTP/1.0\r\nTransfer-Encoding: chunked\r\n\r\n", 400,
              "Content-Length required"},
             {"POST / HTTP/1.0\r\nContent-Length: 51200001\r\n\r\n", 413, ""},
+            // A body is read whatever the method, so the limit holds for every one.
+            {"GET / HTTP/1.0\r\nContent-Length: 51200001\r\n\r\n", 413, ""},
+            {"DELETE / HTTP/1.0\r\nContent-Length: 51200001\r\n\r\n", 413, ""},
             {"PUT / HTTP/1.0\r\nContent-Length: 1\r\nContent-Range: bytes 0-0/1\r\n\r\n", 400,
              "Content-Range not allowed in PUT request"},
         };
@@ -129,6 +132,16 @@ TEST(HttpLexer, KeepAliveFollowsProtocolAndConnectionHeader) {
                 Connection c;
                 ASSERT_EQ(c.parse("GET / HTTP/1.1\r\nHost: a\r\nConnection: close\r\n\r\n"), 200);
                 EXPECT_EQ(HttpResponse_getKeepAlive(c.response()), 0);
+        }
+        // Nothing behind a body framed by Transfer-Encoding is taken for a next request.
+        for (const char* head :
+             {"GET / HTTP/1.1\r\nHost: a\r\nTransfer-Encoding: chunked\r\n\r\n",
+              "POST / HTTP/1.1\r\nHost: a\r\nContent-Length: 3\r\nTransfer-Encoding: "
+              "chunked\r\nConnection: keep-alive\r\n\r\n"}) {
+                Connection c;
+                ASSERT_EQ(c.parse(head), 200) << head;
+                EXPECT_EQ(HttpResponse_getKeepAlive(c.response()), 0) << head;
+                EXPECT_EQ(InetAddress_getKeepAlive(c.inet), 0) << head;
         }
 }
 

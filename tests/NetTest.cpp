@@ -11,6 +11,7 @@
 
 #include <vesk/InetAddress.h>
 #include <vesk/Net.h>
+#include <vesk/OutputStream.h>
 #include <vesk/ServerSocket.h>
 #include <vesk/Socket.h>
 
@@ -250,4 +251,23 @@ TEST(Net, AbortResetsThePeer) {
         char b[4];
         EXPECT_EQ(recv(L.client, b, sizeof b, 0), -1);
         EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST(Net, HalfCloseSendsTheEndAndKeepsReading) {
+        Loopback L;
+        ASSERT_TRUE(L.peer);
+        L.send("unread");
+        OutputStream_T out = InetAddress_getOutputStream(L.peer);
+        OutputStream_print(out, "answer");
+        OutputStream_flush(out);
+        InetAddress_halfClose(L.peer);
+        // The answer and the end arrive, not a reset, and the server can still read.
+        EXPECT_EQ(L.receive(), "answer");
+        L.send("more");
+        std::string got;
+        char b[16];
+        for (ssize_t n; got.size() < 10 && Net_canRead(L.fd(), 2000) &&
+                        (n = recv(L.fd(), b, sizeof b, 0)) > 0;)
+                got.append(b, static_cast<size_t>(n));
+        EXPECT_EQ(got, "unreadmore");
 }

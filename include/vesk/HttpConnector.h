@@ -8,6 +8,14 @@
  * and either kept alive (at most 100 requests, 15 seconds idle) or closed. Failures
  * on a connection are answered on the wire, never raised.
  *
+ * A declared body is always read, also on a method that takes none (and then dropped),
+ * so that no byte of it is taken for a request; a body framed by Transfer-Encoding ends
+ * the connection after its answer. A client that waits with "Expect: 100-continue" is
+ * sent "100 Continue" just before its body is read. A connection that closes while its
+ * client may still be sending shuts its sending side and reads on until the client
+ * closes, for at most 5 seconds of silence, 30 seconds or 64 MiB, so that the answer
+ * is not lost to a reset.
+ *
  * The connection timeout is set and read in seconds and kept in milliseconds. String
  * setters copy their argument and free the old value. HttpConnector_free(&H) frees
  * the socket, the processor pool and the texts, and clears the caller's pointer. A

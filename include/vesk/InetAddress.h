@@ -6,8 +6,10 @@
  * Everything that lives for one request comes from the arena: InetAddress_release
  * empties it between keep-alive requests, so a stream or text got from here must not
  * be kept across it. InetAddress_free closes in order and InetAddress_abort resets the
- * connection; both clear the caller's pointer. Host-name getters return the object's
- * own text, empty on failure. A NULL object fails the check "I". One thread at a time.
+ * connection; both clear the caller's pointer. InetAddress_halfClose stops the sending
+ * side only, so that a peer still sending can be read to its end before the close.
+ * Host-name getters return the object's own text, empty on failure. A NULL object fails
+ * the check "I". One thread at a time.
  */
 #ifndef VESK_INETADDRESS_INCLUDED
 #define VESK_INETADDRESS_INCLUDED
@@ -34,6 +36,10 @@ VESK_API InetAddress_T InetAddress_new(int port, int socket, const struct sockad
 /* Ends one request and keeps the connection: frees the response, ends the output, empties
    the arena and forgets request, response, streams and texts. */
 VESK_API void InetAddress_release(InetAddress_T I);
+/* Ends the sending side and keeps the receiving one: frees the response, ends the output,
+   ends TLS with its close notice and shuts the socket down for writing. Neither stream
+   may be used afterwards; what the peer still sends is read from the socket itself. */
+VESK_API void InetAddress_halfClose(InetAddress_T I);
 /* Orderly close and free; clears *I. */
 VESK_API void InetAddress_free(InetAddress_T* I);
 /* Close with a reset and free; clears *I. */

@@ -5,7 +5,10 @@
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
+#include <stdint.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include <vesk/Context.h>
 #include <vesk/Dispatcher.h>
@@ -36,6 +39,21 @@
 #include "http/ConnectorSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
+namespace {
+
+// A connection closing behind its answer while the client may still be sending: it is
+// half-closed and read until the client closes too. It lives in the connection's arena.
+struct Linger {
+        InetAddress_T inet;
+        EventHandler_T handler;
+        int64_t deadline;  // Time_milli when the connection closes, whatever the client does
+        long drained;
+        Linger* prev;
+        Linger* next;
+};
+
+}  // namespace
+
 struct HttpConnector_S {
         int port;
         int secure;
@@ -64,6 +82,7 @@ struct HttpConnector_S {
         int connections;      // accepted and not yet closed; touched on the Reactor thread only
         int busy;             // dispatched and not yet answered in full; Reactor thread only
         int draining;         // stopping: no new connections, none kept alive
+        Linger* lingering;    // half-closed connections still read; Reactor thread only
 };
 
 namespace {
@@ -75,6 +94,19 @@ constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
 // The method number of HEAD, whose answer has no body.
 constexpr int kMethodHead = 2;
+
+constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr int kContinueSize = sizeof kContinue - 1;
+
+// A lingering close ends when the client closes, or at the first of these bounds: a
+// silence, a time in all, and the bytes read, which let a 10 MiB upload refused with 413
+// be sent in full and its answer be read.
+constexpr int kLingerSilence = 5000;    // milliseconds
+constexpr int64_t kLingerTime = 30000;  // milliseconds
+constexpr long kLingerBytes = 64L << 20;
+// Reads of a lingering connection per event, so that one client cannot hold the loop.
+constexpr int kLingerReads = 32;
+constexpr int kLingerReadSize = 16384;
 
 const char* remote(InetAddress_T inet) {
         return InetAddress_getRemoteHostAddress(inet);
@@ -93,7 +125,90 @@ void closeConnection(InetAddress_T inet, bool reset) {
 
 void _readRequest(EventHandler_T handler, int revents);
 void _handlePostData(EventHandler_T handler, int revents);
+void _skipBody(EventHandler_T handler, int revents);
 void s_endResponse(EventHandler_T handler, int revents);
+void _linger(EventHandler_T handler, int revents);
+
+/* ----------------------------------------------------------- Lingering close */
+
+// Closes a lingering connection; its record goes with the connection's arena.
+void endLinger(HttpConnector_T H, Linger* L) {
+        if (L->prev)
+                L->prev->next = L->next;
+        else
+                H->lingering = L->next;
+        if (L->next)
+                L->next->prev = L->prev;
+        // The watcher goes before the descriptor closes.
+        Reactor_removeHandler(H->reactor, L->handler);
+        closeConnection(L->inet, false);
+}
+
+// Ends a connection whose client may still be sending. Closing a socket with unread bytes
+// resets the connection, and the reset destroys an answer the client has not read yet:
+// so the sending side is shut down, and what the client still sends is read and dropped
+// until it closes its side too, or a bound is reached.
+void linger(InetAddress_T inet) {
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        EventHandler_T handler =
+            H ? Reactor_createHandler(H->reactor, InetAddress_getSocket(inet)) : nullptr;
+        if (!handler) {
+                closeConnection(inet, false);
+                return;
+        }
+        InetAddress_halfClose(inet);
+        auto L = static_cast<Linger*>(ARENA_CALLOC(InetAddress_getArena(inet), 1, sizeof(Linger)));
+        L->inet = inet;
+        L->handler = handler;
+        L->deadline = Time_milli() + kLingerTime;
+        L->next = H->lingering;
+        if (L->next)
+                L->next->prev = L;
+        H->lingering = L;
+        EventHandler_setData(handler, L);
+        EventHandler_setHandler(handler, _linger);
+        EventHandler_setTimeout(handler, kLingerSilence);
+        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                endLinger(H, L);
+}
+
+void _linger(EventHandler_T handler, int revents) {
+        Linger* L = static_cast<Linger*>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(L->inet);
+        if (revents != Reactor_Read) {
+                endLinger(H, L);  // silence, or an event no lingering connection expects
+                return;
+        }
+        char sink[kLingerReadSize];
+        for (int i = 0; i < kLingerReads; i++) {
+                errno = 0;
+                ssize_t n = Net_read(EventHandler_getHandle(handler), sink, sizeof sink, 0);
+                if (n == 0 && errno == EAGAIN)
+                        break;
+                if (n <= 0 || (L->drained += n) >= kLingerBytes) {
+                        endLinger(H, L);
+                        return;
+                }
+        }
+        // The handler's timeout counts whole seconds, so less than one left is none left.
+        int64_t left = L->deadline - Time_milli();
+        if (left < 1000) {
+                endLinger(H, L);
+                return;
+        }
+        EventHandler_setTimeout(handler, static_cast<int>(std::min<int64_t>(kLingerSilence, left)));
+        if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                endLinger(H, L);
+}
+
+// Whether the client has sent more than this connection has read: bytes in the input
+// buffer, bytes on the socket, or a body framed by Transfer-Encoding, which is never read
+// to its last byte.
+bool unreadInput(InetAddress_T inet, HttpRequest_T request) {
+        return (request && HttpRequest_containsHeader(request, "Transfer-Encoding")) ||
+               InputStream_buffered(InetAddress_getInputStream(inet)) > 0 ||
+               Net_canRead(InetAddress_getSocket(inet), 0);
+}
 
 // The last resort when no HttpResponse can be used: a complete error page written
 // straight to the socket, flushed once, and the connection closed. A HEAD gets the head
@@ -133,7 +248,8 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         OutputStream_flush(out);
         Error_error("[client %s] HTTP %d %s %s\n", remote(inet), status, reason, text);
         FREE(message);
-        closeConnection(inet, false);
+        // The client may be sending still: a refused upload above all.
+        linger(inet);
 }
 
 // Hands a complete request to a processor thread; the connection has no watcher until the
@@ -213,6 +329,70 @@ void _doAccept(EventHandler_T handler, int revents) {
 }
 
 /* --------------------------------------------------------- Reading a request */
+
+// What the client expects before it sends a body: 1 for "100-continue", 0 for nothing,
+// -1 for anything else, which this server cannot meet.
+int expectation(HttpRequest_T request) {
+        const char** values = HttpRequest_getHeaderValues(request, "Expect");
+        if (!values)
+                return 0;
+        for (; *values; values++)
+                if (!Str_isEqual(*values, "100-continue"))
+                        return -1;
+        return 1;
+}
+
+// Ends a body that cannot be read: its store goes first, then the connection.
+void dropBody(HttpStore_T store, InetAddress_T inet) {
+        if (store)
+                HttpStore_destroy(store);
+        closeConnection(inet, true);
+}
+
+// Writes what is left of the interim "100 Continue"; the handler's state counts what has
+// gone out. Straight to the socket, as the output stream would put a response head in
+// front of it. 1 when all of it is out (the state is 0 again), 0 when the handler now
+// waits to write the rest, -1 when the connection failed and is gone (with store, if
+// any).
+int sendContinue(EventHandler_T handler, InetAddress_T inet, HttpStore_T store) {
+        SSL_T ssl = InetAddress_getSSL(inet);
+        int sent = EventHandler_getState(handler);
+        while (sent < kContinueSize) {
+                errno = 0;
+                int n =
+                    ssl ? SSLTransport_write(ssl, kContinue + sent, kContinueSize - sent, 0)
+                        : static_cast<int>(Net_write(InetAddress_getSocket(inet), kContinue + sent,
+                                                     static_cast<size_t>(kContinueSize - sent), 0));
+                if (n == 0 && errno == EAGAIN) {
+                        EventHandler_setState(handler, sent);
+                        if (Reactor_registerHandler(InetAddress_getConnector(inet)->reactor,
+                                                    handler, Reactor_Write))
+                                return 0;
+                }
+                if (n <= 0) {
+                        Error_debug(
+                            "[client %s] could not send 100 Continue -- connection was "
+                            "closed\n",
+                            remote(inet));
+                        dropBody(store, inet);
+                        return -1;
+                }
+                sent += n;
+        }
+        EventHandler_setState(handler, 0);
+        return 1;
+}
+
+// The socket took more of the interim answer: once all of it is out, the body is awaited.
+void continueBody(EventHandler_T handler, InetAddress_T inet, HttpStore_T store) {
+        if (sendContinue(handler, inet, store) > 0 &&
+            !Reactor_registerHandler(InetAddress_getConnector(inet)->reactor, handler,
+                                     Reactor_Read)) {
+                if (store)
+                        HttpStore_destroy(store);
+                _sendError(inet, 500, "Could not register with Reactor");
+        }
+}
 
 void _readRequest(EventHandler_T handler, int revents) {
         InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
@@ -295,6 +475,15 @@ void _readRequest(EventHandler_T handler, int revents) {
                 HttpRequest_setServerPort(request, H->proxyPort);
         HttpRequest_setContext(request, context);
         HttpResponse_setContext(parser.response, context);
+        int expects = expectation(request);
+        if (expects < 0) {
+                _sendError(inet, 417, "Only 100-continue can be expected");
+                return;
+        }
+        // The interim answer goes only to a client that waits for it: one whose body has
+        // not begun to arrive.
+        bool interim =
+            expects && parser.http11 && InputStream_buffered(InetAddress_getInputStream(inet)) == 0;
         if (parser.hasBody) {
                 HttpStore_T store = HttpStore_alloc(inet, parser.contentKind, parser.contentLength,
                                                     H->contentLengthBufferLimit,
@@ -306,17 +495,24 @@ void _readRequest(EventHandler_T handler, int revents) {
                 EventHandler_setData(handler, store);
                 EventHandler_setHandler(handler, _handlePostData);
                 EventHandler_setTimeout(handler, H->connectionTimeout);
+                if (interim && sendContinue(handler, inet, store) < 1)
+                        return;
                 // Body bytes may already sit in the input buffer behind the head.
                 _handlePostData(handler, Reactor_Read);
                 return;
         }
+        // A body on a method that takes none is read all the same, and dropped, so that
+        // none of its bytes can pass for the next request on the connection.
+        if (parser.hasContentLength && parser.contentLength > 0) {
+                EventHandler_setData(handler, inet);
+                EventHandler_setHandler(handler, _skipBody);
+                EventHandler_setTimeout(handler, H->connectionTimeout);
+                if (interim && sendContinue(handler, inet, nullptr) < 1)
+                        return;
+                _skipBody(handler, Reactor_Read);
+                return;
+        }
         dispatch(H, inet, request);
-}
-
-// Ends a body that cannot be read: its store goes first, then the connection.
-void dropBody(HttpStore_T store, InetAddress_T inet) {
-        HttpStore_destroy(store);
-        closeConnection(inet, true);
 }
 
 void _handlePostData(EventHandler_T handler, int revents) {
@@ -327,6 +523,10 @@ void _handlePostData(EventHandler_T handler, int revents) {
                 Error_error("[client %s] could not read request body -- read timed out\n",
                             remote(inet));
                 dropBody(store, inet);
+                return;
+        }
+        if (revents == Reactor_Write) {
+                continueBody(handler, inet, store);
                 return;
         }
         if (revents != Reactor_Read) {
@@ -375,6 +575,64 @@ void _handlePostData(EventHandler_T handler, int revents) {
                         // client that keeps sending is never timed out.
                         if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                                 HttpStore_destroy(store);
+                                _sendError(inet, 500, "Could not register with Reactor");
+                        }
+                        return;
+                }
+        }
+}
+
+// Reads a body that no servlet will see, on a method that takes none, and drops it. The
+// handler's data is the connection and its state counts the bytes read.
+void _skipBody(EventHandler_T handler, int revents) {
+        InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        if (revents == Reactor_Timeout) {
+                Error_error("[client %s] could not read request body -- read timed out\n",
+                            remote(inet));
+                closeConnection(inet, true);
+                return;
+        }
+        if (revents == Reactor_Write) {
+                continueBody(handler, inet, nullptr);
+                return;
+        }
+        if (revents != Reactor_Read) {
+                Error_error("Unexpected event [%d] received in _skipBody\n", revents);
+                closeConnection(inet, true);
+                return;
+        }
+        HttpRequest_T request = InetAddress_getRequest(inet);
+        InputStream_T in = InetAddress_getInputStream(inet);
+        int length = HttpRequest_getContentLength(request);
+        char buffer[kReadSize];
+        for (;;) {
+                int skipped = EventHandler_getState(handler);
+                // Never past the body: what follows it belongs to no request.
+                int want = std::min(length - skipped, kReadSize);
+                int n = InputStream_readBytes(in, buffer, want);
+                if (n < 0) {
+                        Error_error("[client %s] could not read request body -- network error\n",
+                                    remote(inet));
+                        closeConnection(inet, true);
+                        return;
+                }
+                skipped += n;
+                EventHandler_setState(handler, skipped);
+                if (skipped >= length) {
+                        EventHandler_setState(handler, 0);
+                        dispatch(H, inet, request);
+                        return;
+                }
+                if (n < want) {
+                        // The stream ran dry: the rest must come from the network.
+                        if (Inputstream_peerClosed(in)) {
+                                Error_error(
+                                    "[client %s] could not read request body -- peer closed "
+                                    "connection\n",
+                                    remote(inet));
+                                closeConnection(inet, true);
+                        } else if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                                 _sendError(inet, 500, "Could not register with Reactor");
                         }
                         return;
@@ -540,7 +798,10 @@ void s_endResponse(EventHandler_T handler, int revents) {
                 accessLog(log, inet, request, response);
         HttpRequest_end(request);
         if (!HttpResponse_getKeepAlive(response) || H->draining) {
-                closeConnection(inet, false);
+                if (unreadInput(inet, request))
+                        linger(inet);
+                else
+                        closeConnection(inet, false);
                 return;
         }
         // Bytes the client sent behind this request are dropped here: no pipelining.
@@ -708,6 +969,9 @@ void HttpConnector_stop(HttpConnector_T H) {
         if (H->responsePipe[0] >= 0)
                 drainResponsePipe(H);
         closeResponsePipe(H);
+        // Their answers are out: a stop does not wait for clients that keep sending.
+        while (H->lingering)
+                endLinger(H, H->lingering);
         H->busy = 0;
         H->draining = 0;
         Error_debug("Connector stopped\n");

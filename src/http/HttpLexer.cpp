@@ -872,15 +872,16 @@ private:
                 if (L->http11 && !L->host)
                         return fail(400, "Host required");
                 InetAddress_T inet = L->inet;
+                // Any method may declare a body, and the connector reads every declared body
+                // (a GET's only to drop it), so the limit holds for all of them.
+                if (L->hasContentLength && L->contentLength > KernelSeam_contentLengthLimit(
+                                                                  InetAddress_getConnector(inet)))
+                        return fail(413, "");
                 if (L->method == kPOST || L->method == kPUT) {
                         if (!L->hasContentLength)
                                 return fail(400, "Content-Length required");
-                        if (L->contentLength > 0) {
-                                if (L->contentLength >
-                                    KernelSeam_contentLengthLimit(InetAddress_getConnector(inet)))
-                                        return fail(413, "");
+                        if (L->contentLength > 0)
                                 L->hasBody = 1;
-                        }
                         if (L->method == kPUT &&
                             HttpRequest_containsHeader(request, "Content-Range"))
                                 return fail(400, "Content-Range not allowed in PUT request");
@@ -888,6 +889,10 @@ private:
                                                             "chunked"))
                                 InputStream_setChunked(InetAddress_getInputStream(inet), 1);
                 }
+                // A body framed by Transfer-Encoding is never read to its very end (a GET's is not
+                // read at all), so what follows it cannot be trusted as the next request.
+                if (HttpRequest_containsHeader(request, "Transfer-Encoding"))
+                        L->keepAlive = 0;
                 long length = L->hasContentLength ? L->contentLength : -1;
                 HttpRequest_setContentLength(
                     request, length > INT32_MAX ? INT32_MAX : static_cast<int>(length));

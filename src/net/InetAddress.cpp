@@ -126,6 +126,20 @@ void InetAddress_release(InetAddress_T I) {
         I->output = nullptr;
 }
 
+void InetAddress_halfClose(InetAddress_T I) {
+        assert(I);
+        if (I->response)
+                HttpSeam_free(&I->response);
+        if (I->output)
+                OutputStream_end(I->output);
+        if (I->ssl)
+                SSLTransport_release(&I->ssl);
+        // Both streams still point at the TLS object just released.
+        I->input = nullptr;
+        I->output = nullptr;
+        Net_shutdown(I->socket, SHUT_WR);
+}
+
 void InetAddress_free(InetAddress_T* I) {
         assert(I && *I);
         finish(I, false);
