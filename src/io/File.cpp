@@ -364,6 +364,20 @@ int FileMap_isCompressed(FileMap_T M) {
         return M->mode[1] == 'z';
 }
 
+int FileMap_isCurrent(FileMap_T M, const struct stat* st) {
+        assert(M);
+        assert(st);
+        // The stat data of the source when it was mapped; a compressed form keeps it too.
+        const struct stat* was = M->file ? M->file->stat : nullptr;
+        // A file replaced by a rename is another inode; one rewritten in place has a new
+        // change time even when its size and modification time were put back.
+        return was && was->st_dev == st->st_dev && was->st_ino == st->st_ino &&
+               was->st_size == st->st_size && was->st_mtim.tv_sec == st->st_mtim.tv_sec &&
+               was->st_mtim.tv_nsec == st->st_mtim.tv_nsec &&
+               was->st_ctim.tv_sec == st->st_ctim.tv_sec &&
+               was->st_ctim.tv_nsec == st->st_ctim.tv_nsec;
+}
+
 off_t File_size(const char* path) {
         struct stat buffer;
         return statPath(path, buffer) ? buffer.st_size : -1;
