@@ -278,6 +278,40 @@ TEST_F(FileCacheFixture, ChangedFileIsServedFreshWhileOldHoldersReadIntact) {
         FileCache_return(F, third);
 }
 
+TEST_F(FileCacheFixture, DiscardedMappingLeavesAtOnceWhileItsHoldersReadIt) {
+        std::string old = content(10000, 'a'), fresh = content(8000, 'k');
+        std::string path = dir.write("page.html", old);
+        FileMap_T held = FileCache_get(F, 0, path.c_str());
+        ASSERT_NE(held, nullptr);
+        replace(dir, path, fresh, 1000000100);
+        FileCache_discard(F, held);
+        FileCache_discard(F, held);  // once out, it stays out
+        FileMap_T next = FileCache_get(F, 0, path.c_str());
+        ASSERT_NE(next, held);
+        EXPECT_EQ(bytes(next), fresh);
+        EXPECT_EQ(bytes(held), old);
+        EXPECT_EQ(FileCache_size(F), 18000);
+        FileCache_return(F, held);
+        EXPECT_EQ(FileCache_size(F), 8000);
+
+        // A send that meets the missing pages of a file cut short fails, and the mapping
+        // goes at once, although it was idle.
+        FileCache_return(F, next);
+        ASSERT_EQ(truncate(path.c_str(), 10), 0);
+        int pair[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+        off_t offset = 4096;
+        EXPECT_EQ(Net_sendfile(path.c_str(), pair[0], 0, &offset, 100), -1);
+        EXPECT_EQ(errno, EFAULT);
+        close(pair[0]);
+        close(pair[1]);
+        EXPECT_EQ(FileCache_files(F), 0);
+
+        // Freeing the cache frees what is still held out of it.
+        FileCache_discard(F, FileCache_get(F, 1, path.c_str()));
+        EXPECT_EQ(FileCache_files(F), 1);
+}
+
 TEST_F(FileCacheFixture, FailureIsLoggedAndNotRemembered) {
         std::string path = dir.write("empty.txt", "");
         testing::internal::CaptureStderr();

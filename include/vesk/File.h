@@ -27,6 +27,7 @@ VESK_BEGIN_DECLS
 
 typedef struct File_S* File_T;
 typedef struct FileMap_S* FileMap_T;
+struct stat;
 
 /* An object for the path formatted from format; raises if format is absent. */
 VESK_API File_T File_new(const char* format, ...) VESK_PRINTF(1, 2);
@@ -96,6 +97,11 @@ VESK_API time_t FileMap_getMtime(FileMap_T M);
 
 /* True for a gzip-compressed mapping. */
 VESK_API int FileMap_isCompressed(FileMap_T M);
+
+/* True if M was mapped from the file that st (from stat or lstat) describes: the same
+   file, size, modification and status change time. False once the file was replaced or
+   written since, when M holds bytes that the file no longer has. Checks "st". */
+VESK_API int FileMap_isCurrent(FileMap_T M, const struct stat* st);
 
 /* st_size of path, or -1. */
 VESK_API off_t File_size(const char* path);

@@ -6,10 +6,10 @@
  * (File.h) with one more reference, which the holder gives back with FileCache_return
  * and must not touch afterwards. The cache keeps the total mapped size within its limit
  * by dropping mappings that no one holds; a mapping in use is never dropped. The cache
- * does not notice a file that changed on disk: a holder who finds the mapping's mtime
- * stale marks it with FileMap_purge, and the last holder's return drops it, so that the
- * next FileCache_get maps the file afresh. An absent cache or mapping raises
- * AssertException.
+ * does not notice a file that changed on disk: a holder who finds the mapping stale
+ * (FileMap_isCurrent) takes it out with FileCache_discard, so that the next
+ * FileCache_get maps the file afresh, or marks it with FileMap_purge, so that the last
+ * holder's return drops it. An absent cache or mapping raises AssertException.
  */
 #ifndef VESK_FILECACHE_INCLUDED
 #define VESK_FILECACHE_INCLUDED
@@ -48,6 +48,11 @@ VESK_API int64_t FileCache_size(FileCache_T F);
 
 /* Mappings now held by the cache. */
 VESK_API int FileCache_files(FileCache_T F);
+
+/* Takes a held mapping out of the cache at once: the next FileCache_get of its path maps
+   the file afresh, while the holders of map go on reading it until the last one returns
+   it, which unmaps it. For a mapping whose file changed, or that could not be read. */
+VESK_API void FileCache_discard(FileCache_T F, FileMap_T map);
 
 /* Marks a held mapping as stale: it is dropped when its last holder returns it. */
 VESK_API void FileMap_purge(FileMap_T M);

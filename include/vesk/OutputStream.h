@@ -85,7 +85,9 @@ VESK_API int OutputStream_startCompress(OutputStream_T S, int level);
 VESK_API void OutputStream_stopCompress(OutputStream_T S);
 /* Ends the body: ends compression, if on. */
 VESK_API void OutputStream_end(OutputStream_T S);
-/* Queues the bytes of a mapped file for sending, with no copy. */
+/* Queues the bytes of a mapped file for sending, with no copy but through TLS, which reads
+   them through a buffer of its record size. map must stay held while the stream sends it.
+   A file that shrank under its mapping fails the write, and the mapping leaves the cache. */
 VESK_API void OutputStream_setFileMap(OutputStream_T S, FileMap_T map);
 
 VESK_END_DECLS

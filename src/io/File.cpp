@@ -23,12 +23,15 @@
 #include <vesk/Time.h>
 
 #include "io/FileMap.hpp"
+#include "io/MapGuard.hpp"
 
 #include <vesk/assert.h>
 
 namespace {
 
 constexpr char kSeparator = '/';
+// Bytes handed to the compressor at a time.
+constexpr int kCompressChunk = 16384;
 
 }  // namespace
 
@@ -250,6 +253,31 @@ bool mapfile(File_T F, const char* path, const char* mode, off_t size) {
         return true;
 }
 
+// Compresses F's mapping into gz. The bytes reach zlib through a buffer: a file truncated
+// while it is read faults on its mapping, and that may stop a copy, never the compressor
+// in the middle of its work. False if the file changed under the mapping.
+bool compressMapping(File_T F, gzFile gz) {
+        char chunk[kCompressChunk];
+        const char* from = static_cast<const char*>(F->map.address);
+        int written = 0;
+        for (int at = 0; at < F->map.size; at += kCompressChunk) {
+                int n = F->map.size - at < kCompressChunk ? F->map.size - at : kCompressChunk;
+                if (!MapGuard_copy(chunk, from + at, static_cast<size_t>(n))) {
+                        Error_error(
+                            "File_map: compression failed -- %s changed while it was "
+                            "read\n",
+                            F->path);
+                        return false;
+                }
+                written += gzwrite(gz, chunk, static_cast<unsigned>(n));
+        }
+        if (written < F->map.size) {
+                int code;
+                Error_error("File_map: compression failed -- %s\n", gzerror(gz, &code));
+        }
+        return true;
+}
+
 // Replaces F's plain mapping by a mapping of its gzip form. The compressed copy is
 // deleted as soon as it is mapped: the mapping keeps the data alive, and no file is left
 // behind in the work directory, even by a crash later on.
@@ -266,11 +294,8 @@ bool compress(File_T F) {
                             System_getLastError());
                 failed = true;
         } else {
-                int written = gzwrite(gz, F->map.address, static_cast<unsigned>(F->map.size));
-                if (written < F->map.size) {
-                        int code;
-                        Error_error("File_map: compression failed -- %s\n", gzerror(gz, &code));
-                }
+                if (!compressMapping(F, gz))
+                        failed = true;
                 int status = gzclose(gz);
                 if (status != Z_OK)
                         Error_error("File_map: %s\n", zError(status));
@@ -362,6 +387,20 @@ time_t FileMap_getMtime(FileMap_T M) {
 int FileMap_isCompressed(FileMap_T M) {
         assert(M);
         return M->mode[1] == 'z';
+}
+
+int FileMap_isCurrent(FileMap_T M, const struct stat* st) {
+        assert(M);
+        assert(st);
+        // The stat data of the source when it was mapped; a compressed form keeps it too.
+        const struct stat* was = M->file ? M->file->stat : nullptr;
+        // A file replaced by a rename is another inode; one rewritten in place has a new
+        // change time even when its size and modification time were put back.
+        return was && was->st_dev == st->st_dev && was->st_ino == st->st_ino &&
+               was->st_size == st->st_size && was->st_mtim.tv_sec == st->st_mtim.tv_sec &&
+               was->st_mtim.tv_nsec == st->st_mtim.tv_nsec &&
+               was->st_ctim.tv_sec == st->st_ctim.tv_sec &&
+               was->st_ctim.tv_nsec == st->st_ctim.tv_nsec;
 }
 
 off_t File_size(const char* path) {

@@ -1,15 +1,20 @@
+#include <errno.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/uio.h>
 
+#include <algorithm>
+
 #include <vesk/Arena.h>
 #include <vesk/Chain.h>
+#include <vesk/FileCache.h>
 #include <vesk/Mem.h>
 #include <vesk/Net.h>
 #include <vesk/OutputStream.h>
 #include <vesk/assert.h>
 
 #include "io/ChainImpl.hpp"
+#include "io/MapGuard.hpp"
 #include "net/FileSource.hpp"
 #include "net/HttpSeam.hpp"
 #include "ssl/SSLTransport.hpp"
@@ -18,6 +23,8 @@ namespace {
 
 constexpr int kDefaultTimeout = 3000;
 constexpr int kMaxGather = 64;
+// Mapped bytes pass into TLS through a buffer of one record's size.
+constexpr int kMappedChunk = 16384;
 
 }  // namespace
 
@@ -42,6 +49,8 @@ struct OutputStream_S {
         int discard;
         long long discarded;
         int gzipClaimed;
+        // The file mapping lent to the chain, held by the response while it is sent.
+        FileMap_T fileMap;
 };
 
 namespace {
@@ -143,12 +152,14 @@ void doWrite(Chain_T C, long n) {
                 recycleFirst(C);
 }
 
-int gather(Chain_T C, struct iovec* iov) {
+// Gathers the nodes to send; mapped[i] tells whether iov[i] lies in a file mapping.
+int gather(Chain_T C, struct iovec* iov, bool* mapped) {
         int count = 0;
         for (ChainNode_T p = C->first; p && count < kMaxGather; p = p->next) {
                 if (!ChainNode_isDrained(p)) {
                         iov[count].iov_base = p->pos;
                         iov[count].iov_len = static_cast<size_t>(p->avail - p->pos);
+                        mapped[count] = ChainNode_isMapped(p);
                         count++;
                 }
                 if (p == C->last)
@@ -157,15 +168,34 @@ int gather(Chain_T C, struct iovec* iov) {
         return count;
 }
 
-// Writes node by node through TLS; a write that takes nothing ends the round.
-long writeSSL(OutputStream_T S, const struct iovec* iov, int count) {
+// A file that shrank under its mapping cannot be sent: its mapping leaves the cache, so
+// that no later response gets the missing pages, and the next request maps the file anew.
+void discardMapping(OutputStream_T S) {
+        if (S->fileMap)
+                FileCache_discard(FileCache_getInstance(), S->fileMap);
+}
+
+// Writes node by node through TLS; a write that takes nothing ends the round. TLS reads
+// what it encrypts in user space, so mapped bytes are copied out first, where a fault of
+// a truncated file stops the copy and not the process.
+long writeSSL(OutputStream_T S, const struct iovec* iov, const bool* mapped, int count) {
         long total = 0;
+        char copy[kMappedChunk];
         for (int i = 0; i < count; i++) {
                 size_t done = 0;
                 while (done < iov[i].iov_len) {
+                        const char* from = static_cast<char*>(iov[i].iov_base) + done;
+                        size_t size = iov[i].iov_len - done;
+                        if (mapped[i]) {
+                                size = std::min(size, sizeof copy);
+                                if (!MapGuard_copy(copy, from, size)) {
+                                        discardMapping(S);
+                                        return -1;
+                                }
+                                from = copy;
+                        }
                         int n =
-                            SSLTransport_write(S->ssl, static_cast<char*>(iov[i].iov_base) + done,
-                                               static_cast<int>(iov[i].iov_len - done), S->timeout);
+                            SSLTransport_write(S->ssl, from, static_cast<int>(size), S->timeout);
                         if (n < 0)
                                 return -1;
                         if (n == 0)
@@ -182,14 +212,18 @@ int writeLoop(OutputStream_T S) {
         int total = 0;
         do {
                 struct iovec iov[kMaxGather];
-                int count = gather(C, iov);
+                bool mapped[kMaxGather];
+                int count = gather(C, iov, mapped);
                 long n;
                 if (S->ssl) {
                         if (count == 0)
                                 return total;
-                        n = writeSSL(S, iov, count);
+                        n = writeSSL(S, iov, mapped, count);
                 } else {
                         n = Net_writev(S->socket, iov, count, S->timeout);
+                        // The kernel meets a truncated file's missing pages as a bad address.
+                        if (n < 0 && errno == EFAULT)
+                                discardMapping(S);
                 }
                 if (n < 0) {
                         S->isClosed = 1;
@@ -433,4 +467,5 @@ void OutputStream_setFileMap(OutputStream_T S, FileMap_T map) {
         n->pos = n->start = address;
         n->avail = n->limit = address + size;
         S->chain->size += size;
+        S->fileMap = map;
 }

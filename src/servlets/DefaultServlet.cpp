@@ -88,15 +88,35 @@ bool compressible(const char* mimeType, off_t size) {
         return !(registered && Str_startsWith(registered, "application/"));
 }
 
+// The validators of a response, made from the modification time and size of the file
+// whose bytes it sends.
+struct Validators {
+        time_t mtime;  // Time_gmt of the modification time
+        char etag[26];
+};
+
+Validators validatorsOf(time_t modified, off_t size) {
+        Validators v;
+        v.mtime = Time_gmt(modified);
+        snprintf(v.etag, sizeof v.etag, "\"%ld-%lld\"", static_cast<long>(v.mtime),
+                 static_cast<long long>(size));
+        return v;
+}
+
+void setLastModified(HttpResponse_T res, const Validators& v) {
+        char date[30];
+        HttpResponse_setHeader(res, "Last-Modified", "%s GMT", Time_string(v.mtime, date));
+}
+
 // Answers a failed precondition; false when processing goes on.
-bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const char* etag, time_t mtime) {
+bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const Validators& v) {
         const char* ifMatch = HttpRequest_getHeader(req, "If-Match");
-        if (ifMatch && !strchr(ifMatch, '*') && !strstr(etag, ifMatch)) {
+        if (ifMatch && !strchr(ifMatch, '*') && !strstr(v.etag, ifMatch)) {
                 HttpResponse_sendError(res, 412, NULL);
                 return true;
         }
         const char* ifNoneMatch = HttpRequest_getHeader(req, "If-None-Match");
-        if (ifNoneMatch && (strchr(ifNoneMatch, '*') || strstr(etag, ifNoneMatch))) {
+        if (ifNoneMatch && (strchr(ifNoneMatch, '*') || strstr(v.etag, ifNoneMatch))) {
                 int method = HttpRequest_method(req);
                 if (method == 0 || method == 2)
                         HttpResponse_setStatus(res, 304);
@@ -105,16 +125,30 @@ bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const char* eta
                 return true;
         }
         time_t since = HttpRequest_getDateHeader(req, "If-Modified-Since");
-        if (since > -1 && !ifNoneMatch && mtime <= since) {
+        if (since > -1 && !ifNoneMatch && v.mtime <= since) {
                 HttpResponse_setStatus(res, 304);
                 return true;
         }
         time_t unmodified = HttpRequest_getDateHeader(req, "If-Unmodified-Since");
-        if (unmodified > -1 && mtime > unmodified) {
+        if (unmodified > -1 && v.mtime > unmodified) {
                 HttpResponse_sendError(res, 412, NULL);
                 return true;
         }
         return false;
+}
+
+// The mapping of the file as st describes it. A cached mapping of an older state of the
+// file leaves the cache at once, so that neither this response nor a later one sends
+// bytes that its validators do not describe; its holders still read it whole.
+FileMap_T currentMapping(FileCache_T cache, bool compress, const char* path,
+                         const struct stat* st) {
+        FileMap_T map = FileCache_get(cache, compress, path);
+        if (map && !FileMap_isCurrent(map, st)) {
+                FileCache_discard(cache, map);
+                FileCache_return(cache, map);
+                map = FileCache_get(cache, compress, path);
+        }
+        return map;
 }
 
 int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
@@ -164,38 +198,42 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
         }
-        time_t mtime = Time_gmt(st.st_mtime);
-        char date[30];
+        Validators validators = validatorsOf(st.st_mtime, st.st_size);
         HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
-        HttpResponse_setHeader(res, "Last-Modified", "%s GMT", Time_string(mtime, date));
+        setLastModified(res, validators);
         const char* mimeType = ServletContext_getMimeType(servletContext, path);
         HttpResponse_setContentType(res, mimeType ? mimeType : "text/plain");
-        char etag[26];
-        snprintf(etag, sizeof etag, "\"%ld-%lld\"", static_cast<long>(mtime),
-                 static_cast<long long>(st.st_size));
-        HttpResponse_setHeader(res, "ETag", "%s", etag);
+        HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
         // Such a file has two forms, and a shared cache must not give one for the other.
         bool twoForms = compressible(mimeType, st.st_size);
         if (twoForms)
                 HttpResponse_setHeader(res, "Vary", "Accept-Encoding");
-        if (preconditionAnswered(req, res, etag, mtime))
+        if (preconditionAnswered(req, res, validators))
                 return 1;
         if (!includeContent || st.st_size == 0) {
                 HttpResponse_setContentLength(res, 0);
                 return 1;
         }
         FileMap_T map =
-            FileCache_get(cache, twoForms && HttpRequest_getAcceptEncoding(req) == 1, path);
+            currentMapping(cache, twoForms && HttpRequest_getAcceptEncoding(req) == 1, path, &st);
         if (!map) {
                 HttpResponse_sendError(res, 500, "Could not load the requested file");
                 return 1;
         }
+        // The file changed again while it was being mapped: the answer describes what the
+        // mapping holds, and is decided on that.
+        if (!FileMap_isCurrent(map, &st)) {
+                File_T source = FileMap_getFile(map);
+                validators = validatorsOf(File_getMtime(source), File_getSize(source));
+                setLastModified(res, validators);
+                HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
+                if (preconditionAnswered(req, res, validators)) {
+                        FileCache_return(cache, map);
+                        return 1;
+                }
+        }
         if (FileMap_isCompressed(map))
                 HttpResponse_setHeader(res, "Content-Encoding", "gzip");
-        // Changed on disk since it was cached: this response still carries the cached
-        // bytes, and the last holder's return drops them so the next request reads anew.
-        if (FileMap_getMtime(map) != mtime)
-                FileMap_purge(map);
         HttpResponse_setFileMap(res, map);
         return 1;
 }

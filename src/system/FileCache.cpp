@@ -8,6 +8,7 @@
 #include <vesk/Exception.h>
 #include <vesk/File.h>
 #include <vesk/FileCache.h>
+#include <vesk/List.h>
 #include <vesk/Mem.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
@@ -24,6 +25,9 @@ struct FileCache_S {
         Table_T tables[3];  // plain, compressed, and NULL to end the list
         int64_t maxSize;
         int64_t size;
+        // Mappings taken out of the tables while still held: they are freed by their last
+        // holder's return, or by FileCache_free.
+        List_T discarded;
 };
 
 namespace {
@@ -39,15 +43,19 @@ int holders(FileMap_T map) {
 }
 
 // Takes map out of its table, unmaps it and frees its File; under the cache's mutex.
-// A mapping that its table does not hold is left alone.
+// A mapping that its table does not hold is left alone, unless it was discarded.
 bool drop(FileCache_T F, FileMap_T map) {
         File_T file = map->file;
         const char* path = file ? File_getPath(file) : "";
-        if (!map->table || Table_get(map->table, path) != map) {
+        if (!map->table) {
+                if (!List_remove(F->discarded, map))
+                        return false;
+        } else if (Table_get(map->table, path) != map) {
                 Error_error("File cache: requested to remove file (%s) not in cache\n", path);
                 return false;
+        } else {
+                Table_remove(map->table, path);
         }
-        Table_remove(map->table, path);
         F->size -= map->size;
         F->files--;
         File_free(&file);
@@ -86,6 +94,7 @@ FileCache_T FileCache_getInstance(void) {
                 Exception_wrapper(pthread_mutex_init(&F->mutex, NULL));
                 F->tables[0] = Table_new(64, Str_cmp, Str_hash);
                 F->tables[1] = Table_new(64, Str_cmp, Str_hash);
+                F->discarded = List_new();
                 F->maxSize = kDefaultMaxSize;
                 instance.store(F, std::memory_order_release);
         }
@@ -109,6 +118,11 @@ void FileCache_free(void) {
                 }
                 Table_free(&F->tables[i]);
         }
+        while (FileMap_T map = static_cast<FileMap_T>(List_pop(F->discarded))) {
+                File_T file = map->file;
+                File_free(&file);
+        }
+        List_free(&F->discarded);
         Exception_wrapper(pthread_mutex_destroy(&F->mutex));
         FREE(F);
         instance.store(nullptr, std::memory_order_release);
@@ -169,6 +183,24 @@ void FileCache_return(FileCache_T F, FileMap_T map) {
         vesk::Lock lock(F->mutex);
         int left = state.fetch_sub(1) - 1;
         if ((left & FileMap_Count) < 1 && (left & FileMap_Purge))
+                drop(F, map);
+}
+
+void FileCache_discard(FileCache_T F, FileMap_T map) {
+        assert(F);
+        assert(map);
+        vesk::Lock lock(F->mutex);
+        // Marked first: the holder whose return takes the count to 0 must see the mark.
+        FileMap_state(map).fetch_or(FileMap_Purge);
+        if (!map->table)
+                return;
+        const char* path = File_getPath(map->file);
+        if (Table_get(map->table, path) == map)
+                Table_remove(map->table, path);
+        map->table = nullptr;
+        List_push(F->discarded, map);
+        // A holder that let go just before the mark came took no lock and dropped nothing.
+        if (holders(map) < 1)
                 drop(F, map);
 }
 

@@ -355,6 +355,17 @@ ssize_t Net_writev(int fd, const struct iovec* iov, int count, int timeout) {
                         [&] { return writevOnce(fd, iov, count); });
 }
 
+namespace {
+
+// The kernel meets the missing pages of a file that shrank under its mapping as a bad
+// address; such a mapping leaves the cache, so that the next send maps the file anew.
+void discardIfTruncated(ssize_t n, FileMap_T map) {
+        if (n < 0 && errno == EFAULT)
+                FileCache_discard(FileCache_getInstance(), map);
+}
+
+}  // namespace
+
 ssize_t Net_sendfileb(const char* path, int fd) {
         long long size = FileSource_size(path);
         if (size < 1)
@@ -368,8 +379,10 @@ ssize_t Net_sendfileb(const char* path, int fd) {
         while (sent < length) {
                 ssize_t n =
                     Net_write(fd, address + sent, static_cast<size_t>(length - sent), kSendTimeout);
-                if (n < 1)
+                if (n < 1) {
+                        discardIfTruncated(n, map);
                         break;
+                }
                 sent += n;
         }
         FileSource_return(map);
@@ -393,6 +406,7 @@ ssize_t Net_sendfile(const char* path, int fd, int ignored, off_t* offset, size_
         ssize_t n = Net_write(fd, FileSource_address(map) + *offset, count, 0);
         if (n > 0)
                 *offset += n;
+        discardIfTruncated(n, map);
         FileSource_return(map);
         return n;
 }
