@@ -221,11 +221,41 @@ TEST_F(SSLTest, ClientTurnsTicketsOffOnlyForJabberPorts) {
                 InetAddress_T inet =
                     InetAddress_new(port, dup(lb.client), reinterpret_cast<struct sockaddr*>(&addr),
                                     static_cast<int>(len), 1);
-                SSL_T ssl = SSLConnect(inet);
+                SSL_T ssl = SSLConnect(inet, nullptr);
                 EXPECT_EQ(InetAddress_getSSL(inet), ssl);
                 uint64_t options = SSL_get_options(SSLTransport_native(ssl));
                 EXPECT_EQ((options & SSL_OP_NO_TICKET) != 0, port != 443);
                 EXPECT_EQ(SSL_get_min_proto_version(SSLTransport_native(ssl)), TLS1_2_VERSION);
+                InetAddress_free(&inet);
+        }
+}
+
+TEST_F(SSLTest, ClientNamesTheServerButNeverAnAddress) {
+        struct Case {
+                const char* host;
+                const char* sent;
+        };
+        for (const Case& c : {Case{"example.org", "example.org"}, Case{"Example.org.", "Example.org"},
+                              Case{"127.0.0.1", nullptr}, Case{"::1", nullptr},
+                              Case{"[::1]", nullptr}, Case{"", nullptr}, Case{nullptr, nullptr}}) {
+                SCOPED_TRACE(c.host ? c.host : "NULL");
+                Loopback lb;
+                ASSERT_TRUE(lb.peer);
+                struct sockaddr_storage addr;
+                socklen_t len = sizeof addr;
+                ASSERT_EQ(getpeername(lb.client, reinterpret_cast<struct sockaddr*>(&addr), &len),
+                          0);
+                Net_setNonBlocking(lb.client);
+                InetAddress_T inet =
+                    InetAddress_new(443, dup(lb.client), reinterpret_cast<struct sockaddr*>(&addr),
+                                    static_cast<int>(len), 1);
+                SSL_T ssl = SSLConnect(inet, c.host);
+                const char* sent =
+                    SSL_get_servername(SSLTransport_native(ssl), TLSEXT_NAMETYPE_host_name);
+                if (c.sent)
+                        EXPECT_STREQ(sent, c.sent);
+                else
+                        EXPECT_EQ(sent, nullptr) << sent;
                 InetAddress_free(&inet);
         }
 }

@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -225,6 +226,105 @@ TEST_F(URLConnectionTest, HttpsReadsThroughTls) {
         EXPECT_EQ(request.rfind("GET /x HTTP/1.1\r\n", 0), 0u) << request;
         ServerSocket_free(&listener);
         SSLFree(&context);
+}
+
+// A TLS server that, like a host behind a shared address, knows the connection only by
+// the name the client sends (SNI): without "localhost" it refuses the handshake. It
+// answers one connection and keeps the name it got.
+class NamedTlsServer {
+public:
+        explicit NamedTlsServer(const std::string& pem) {
+                ctx_ = SSL_CTX_new(TLS_server_method());
+                SSL_CTX_use_certificate_chain_file(ctx_, pem.c_str());
+                SSL_CTX_use_PrivateKey_file(ctx_, pem.c_str(), SSL_FILETYPE_PEM);
+                SSL_CTX_set_tlsext_servername_callback(ctx_, checkName);
+                SSL_CTX_set_tlsext_servername_arg(ctx_, this);
+                fd_ = socket(AF_INET, SOCK_STREAM, 0);
+                struct sockaddr_in a = {};
+                a.sin_family = AF_INET;
+                a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+                socklen_t len = sizeof a;
+                bind(fd_, reinterpret_cast<struct sockaddr*>(&a), len);
+                listen(fd_, 4);
+                getsockname(fd_, reinterpret_cast<struct sockaddr*>(&a), &len);
+                port = ntohs(a.sin_port);
+                thread_ = std::thread([this] { serve(); });
+        }
+        ~NamedTlsServer() {
+                shutdown(fd_, SHUT_RDWR);
+                if (thread_.joinable())
+                        thread_.join();
+                close(fd_);
+                SSL_CTX_free(ctx_);
+        }
+        NamedTlsServer(const NamedTlsServer&) = delete;
+        NamedTlsServer& operator=(const NamedTlsServer&) = delete;
+
+        // The name the client sent, "(none)" without one; call after the client is done.
+        std::string name() {
+                if (thread_.joinable())
+                        thread_.join();
+                return name_;
+        }
+
+        int port = 0;
+
+private:
+        static int checkName(SSL* ssl, int* alert, void* arg) {
+                auto self = static_cast<NamedTlsServer*>(arg);
+                const char* name = SSL_get_servername(ssl, TLSEXT_NAMETYPE_host_name);
+                self->name_ = name ? name : "(none)";
+                if (self->name_ == "localhost")
+                        return SSL_TLSEXT_ERR_OK;
+                *alert = SSL_AD_UNRECOGNIZED_NAME;
+                return SSL_TLSEXT_ERR_ALERT_FATAL;
+        }
+
+        void serve() {
+                struct pollfd p = {fd_, POLLIN, 0};
+                if (::poll(&p, 1, 20000) != 1)
+                        return;
+                int c = accept(fd_, nullptr, nullptr);
+                if (c < 0)
+                        return;
+                SSL* ssl = SSL_new(ctx_);
+                SSL_set_fd(ssl, c);
+                if (SSL_accept(ssl) == 1) {
+                        std::string head;
+                        char buf[1024];
+                        for (int n; head.find("\r\n\r\n") == std::string::npos &&
+                                    (n = SSL_read(ssl, buf, sizeof buf)) > 0;)
+                                head.append(buf, static_cast<size_t>(n));
+                        const char reply[] = "HTTP/1.1 200 OK\r\nContent-Length: 5\r\n\r\nnamed";
+                        SSL_write(ssl, reply, sizeof reply - 1);
+                        SSL_shutdown(ssl);
+                }
+                SSL_free(ssl);
+                close(c);
+        }
+
+        SSL_CTX* ctx_ = nullptr;
+        int fd_ = -1;
+        std::string name_ = "(no handshake)";
+        std::thread thread_;
+};
+
+TEST_F(URLConnectionTest, HttpsSendsTheHostNameButNoAddress) {
+        TempDir dir;
+        std::string pem = makeCertificate(dir);
+        {
+                NamedTlsServer server(pem);
+                EXPECT_EQ(fetch("https://localhost:" + std::to_string(server.port) + "/x"), "named");
+                EXPECT_EQ(server.name(), "localhost");
+        }
+        {
+                // An address is no name: none is sent, and this server refuses.
+                NamedTlsServer server(pem);
+                EXPECT_EQ(fetch("https://127.0.0.1:" + std::to_string(server.port) + "/x")
+                              .rfind("IOException: ", 0),
+                          0u);
+                EXPECT_EQ(server.name(), "(none)");
+        }
 }
 
 }  // namespace
