@@ -23,7 +23,8 @@ void usage(FILE* out) {
         fprintf(out,
                 "Usage: %s [options] start|stop|status\n"
                 "\n"
-                "  start     run the server (as a daemon unless -f is given)\n"
+                "  start     run the server; as a daemon unless -f is given, and then\n"
+                "            return once it serves, or say why it could not start\n"
                 "  stop      tell the running server to stop, and wait until it has\n"
                 "  status    say whether a server runs from the home directory\n"
                 "\n"
@@ -74,8 +75,8 @@ void waitForExit(int pid) {
         }
         if (!ended(pid)) {
                 char message[128];
-                snprintf(message, sizeof message, "the server (pid %d) did not stop within %d seconds",
-                         pid, kStopWait);
+                snprintf(message, sizeof message,
+                         "the server (pid %d) did not stop within %d seconds", pid, kStopWait);
                 fail(message);
         }
 }

@@ -235,9 +235,10 @@ TEST_F(SSLTest, ClientNamesTheServerButNeverAnAddress) {
                 const char* host;
                 const char* sent;
         };
-        for (const Case& c : {Case{"example.org", "example.org"}, Case{"Example.org.", "Example.org"},
-                              Case{"127.0.0.1", nullptr}, Case{"::1", nullptr},
-                              Case{"[::1]", nullptr}, Case{"", nullptr}, Case{nullptr, nullptr}}) {
+        for (const Case& c :
+             {Case{"example.org", "example.org"}, Case{"Example.org.", "Example.org"},
+              Case{"127.0.0.1", nullptr}, Case{"::1", nullptr}, Case{"[::1]", nullptr},
+              Case{"", nullptr}, Case{nullptr, nullptr}}) {
                 SCOPED_TRACE(c.host ? c.host : "NULL");
                 Loopback lb;
                 ASSERT_TRUE(lb.peer);

@@ -314,7 +314,8 @@ TEST_F(URLConnectionTest, HttpsSendsTheHostNameButNoAddress) {
         std::string pem = makeCertificate(dir);
         {
                 NamedTlsServer server(pem);
-                EXPECT_EQ(fetch("https://localhost:" + std::to_string(server.port) + "/x"), "named");
+                EXPECT_EQ(fetch("https://localhost:" + std::to_string(server.port) + "/x"),
+                          "named");
                 EXPECT_EQ(server.name(), "localhost");
         }
         {
