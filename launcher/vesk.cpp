@@ -1,4 +1,8 @@
 // vesk: starts, stops and queries the server that runs from a home directory.
+#include <errno.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -19,7 +23,8 @@ void usage(FILE* out) {
         fprintf(out,
                 "Usage: %s [options] start|stop|status\n"
                 "\n"
-                "  start     run the server (as a daemon unless -f is given)\n"
+                "  start     run the server; as a daemon unless -f is given, and then\n"
+                "            return once it serves, or say why it could not start\n"
                 "  stop      tell the running server to stop, and wait until it has\n"
                 "  status    say whether a server runs from the home directory\n"
                 "\n"
@@ -40,13 +45,40 @@ void usage(FILE* out) {
         exit(1);
 }
 
-void waitForStop(Container_T C) {
-        for (int i = 0; i < 300 && Container_isRunning(C); i++) {
+// Whether process pid has ended: gone, or a zombie that only waits for whoever adopted
+// it to reap it.
+bool ended(int pid) {
+        if (kill(pid, 0) != 0)
+                return errno == ESRCH;
+        char path[64];
+        snprintf(path, sizeof path, "/proc/%d/stat", pid);
+        FILE* f = fopen(path, "r");
+        if (!f)
+                return false;
+        char line[512];
+        bool zombie = false;
+        if (fgets(line, sizeof line, f)) {
+                const char* close = strrchr(line, ')');
+                zombie = close && close[1] == ' ' && close[2] == 'Z';
+        }
+        fclose(f);
+        return zombie;
+}
+
+// A stop drains the requests in flight for up to 30 seconds before the applications stop.
+constexpr int kStopWait = 60;
+
+void waitForExit(int pid) {
+        for (int i = 0; i < kStopWait * 10 && !ended(pid); i++) {
                 struct timespec pause = {0, 100 * 1000 * 1000};
                 nanosleep(&pause, nullptr);
         }
-        if (Container_isRunning(C))
-                fail("the server did not stop within 30 seconds");
+        if (!ended(pid)) {
+                char message[128];
+                snprintf(message, sizeof message,
+                         "the server (pid %d) did not stop within %d seconds", pid, kStopWait);
+                fail(message);
+        }
 }
 
 // The path made absolute: a daemon works from "/", and file URLs need absolute paths. A
@@ -61,31 +93,88 @@ std::string absolute(const std::string& path) {
         return getcwd(cwd, sizeof cwd) ? std::string(cwd) + "/" + path : path;
 }
 
-// A daemon reads its configuration after it has left the terminal, so a fault there would
-// go unseen. Read it once first in a child that stays in the foreground, and stop here
-// with its message if it fails.
-void checkConfiguration(Container_T C) {
+// How long a daemon may take to come up before start gives up waiting for it.
+constexpr int kStartWait = 30;
+
+// What the daemon says on the start pipe, up to "ready\n" or the end of the pipe; ""
+// when it said nothing within kStartWait seconds.
+std::string hear(int fd) {
+        std::string said;
+        struct timespec now;
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        time_t deadline = now.tv_sec + kStartWait;
+        while (said.rfind("ready\n", 0) != 0) {
+                clock_gettime(CLOCK_MONOTONIC, &now);
+                if (now.tv_sec >= deadline)
+                        return "";
+                struct pollfd p = {fd, POLLIN, 0};
+                int n = poll(&p, 1, static_cast<int>(deadline - now.tv_sec) * 1000);
+                if (n < 0 && errno == EINTR)
+                        continue;
+                if (n <= 0)
+                        return "";
+                char buffer[512];
+                ssize_t got = read(fd, buffer, sizeof buffer);
+                if (got < 0 && errno == EINTR)
+                        continue;
+                if (got <= 0)
+                        return said.empty() ? "error\n" : said;
+                said.append(buffer, static_cast<size_t>(got));
+        }
+        return said;
+}
+
+// The descriptor moved above 2, where the daemon's /dev/null does not replace it.
+int aboveStandard(int fd) {
+        if (fd > 2)
+                return fd;
+        int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+        close(fd);
+        if (moved < 0)
+                fail("cannot make a pipe to the server");
+        return moved;
+}
+
+// Starts the server as a daemon and waits until it serves or has failed, which it
+// tells on a pipe; so a failure after the fork (an application that does not load, a
+// port in use, a bad certificate) reaches this terminal and the exit status. The
+// launcher's exit status.
+int startDaemon(Container_T C) {
+        int ends[2];
+        if (pipe2(ends, O_CLOEXEC) != 0)
+                fail("cannot make a pipe to the server");
+        int readEnd = aboveStandard(ends[0]), writeEnd = aboveStandard(ends[1]);
         fflush(nullptr);
         pid_t child = fork();
         if (child < 0)
-                fail("cannot fork to check the configuration");
+                fail("cannot fork the server");
         if (child == 0) {
-                int status = 0;
-                TRY
-                        Container_setDaemon(C, 0);
-                        Container_bootstrap(C);
-                ELSE
-                        fprintf(stderr, "%s: %s\n", program, Exception_frame.message);
-                        status = 1;
-                END_TRY;
-                fflush(nullptr);
-                _exit(status);
+                close(readEnd);
+                Container_setStartPipe(C, writeEnd);
+                // Daemonizes, tells the outcome, and returns when the server has stopped.
+                Container_start(C);
+                return 0;
         }
-        int status = 0;
-        while (waitpid(child, &status, 0) < 0)
+        close(writeEnd);
+        std::string said = hear(readEnd);
+        close(readEnd);
+        // The child leaves as soon as the daemon is made, or has failed before.
+        while (waitpid(child, nullptr, 0) < 0 && errno == EINTR)
                 ;
-        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
-                exit(1);
+        if (said.rfind("ready\n", 0) == 0)
+                return 0;
+        if (said.empty()) {
+                fprintf(stderr, "%s: the server did not come up within %d seconds\n", program,
+                        kStartWait);
+                return 1;
+        }
+        std::string reason = said.substr(said.find('\n') + 1);
+        while (!reason.empty() && reason.back() == '\n')
+                reason.pop_back();
+        if (reason.empty())
+                reason = "the server ended while it started; see its error log";
+        fprintf(stderr, "%s: %s\n", program, reason.c_str());
+        return 1;
 }
 
 }  // namespace
@@ -160,12 +249,13 @@ int main(int argc, char** argv) {
                 if (command == "start") {
                         Container_setDaemon(C, !foreground);
                         if (!foreground && !Container_isRunning(C))
-                                checkConfiguration(C);
-                        Container_start(C);
+                                status = startDaemon(C);
+                        else
+                                Container_start(C);
                 } else if (command == "stop") {
-                        if (Container_isRunning(C)) {
+                        if (int pid = Container_isRunning(C)) {
                                 Container_stop(C);
-                                waitForStop(C);
+                                waitForExit(pid);
                         } else {
                                 printf("%s is not running\n", Container_Name);
                         }

@@ -1,7 +1,10 @@
+#include <errno.h>
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
 
 #include <initializer_list>
 
@@ -13,6 +16,7 @@
 #include <vesk/File.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
+#include <vesk/Reactor.h>
 #include <vesk/Thread.h>
 #include <vesk/assert.h>
 
@@ -42,6 +46,7 @@ struct Container_S {
         char workDir[kPath + 1];
         char controlFile[kPath + 1];
         char home[kPath + 1];
+        int startPipe;  // -1 when nobody waits to hear how the start went
 };
 
 const char* Container_Name = "Vesk";
@@ -111,6 +116,31 @@ void checkControlFile(Container_T C) {
                 THROW(AssertException, "The control file '%s' does not exist", C->controlFile);
 }
 
+// Tells whoever waits on the start pipe how the start went, once: "ready\n", or "error\n"
+// and the reason. The reader takes the end of the pipe as the end of the reason.
+void tell(Container_T C, const char* outcome, const char* reason = nullptr) {
+        if (C->startPipe < 0)
+                return;
+        for (const char* text : {outcome, reason}) {
+                size_t n = text ? strlen(text) : 0;
+                for (size_t done = 0; done < n;) {
+                        ssize_t w = write(C->startPipe, text + done, n - done);
+                        if (w < 0 && errno == EINTR)
+                                continue;
+                        if (w <= 0)
+                                break;
+                        done += static_cast<size_t>(w);
+                }
+        }
+        close(C->startPipe);
+        C->startPipe = -1;
+}
+
+// The event loop's first turn: every connector listens by then.
+void serving(Timer_T timer) {
+        tell(static_cast<Container_T>(Timer_getData(timer)), "ready\n");
+}
+
 }  // namespace
 
 Container_T Container_new(void) {
@@ -119,6 +149,7 @@ Container_T Container_new(void) {
         Container_T C;
         NEW0(C);
         C->daemon = 1;
+        C->startPipe = -1;
         copyPath(C->workDir, "/tmp");
         Container_WorkDir = C->workDir;
         Container_Home = C->home;
@@ -129,6 +160,8 @@ void Container_free(Container_T* C) {
         assert(C && *C);
         if ((*C)->B)
                 Build_free(&(*C)->B);
+        if ((*C)->startPipe >= 0)
+                close((*C)->startPipe);
         if (Container_Home == (*C)->home) {
                 Container_Home = nullptr;
                 Container_WorkDir = "/tmp";
@@ -207,6 +240,12 @@ int Container_isDaemon(Container_T C) {
         return C->daemon;
 }
 
+void Container_setStartPipe(Container_T C, int fd) {
+        assert(C);
+        assert(fd > 2);
+        C->startPipe = fd;
+}
+
 Build_T Container_getBuild(Container_T C) {
         assert(C);
         return C->B;
@@ -216,32 +255,60 @@ Build_T Container_bootstrap(Container_T C) {
         assert(C);
         if (C->bootstrapped)
                 THROW(AssertException, "! C->bootstrapped");
-        checkHome(C);
-        checkPidFile(C);
-        checkControlFile(C);
-        // Before the configuration is read: its failures then no longer reach the terminal.
-        if (C->daemon)
-                OS_daemonize();
-        C->B = Build_parse(C->home, C->controlFile);
-        assert(C->B);
+        TRY
+                checkHome(C);
+                checkPidFile(C);
+                checkControlFile(C);
+                // Before the configuration is read: its failures then reach the terminal
+                // only through the start pipe.
+                if (C->daemon)
+                        OS_daemonize(C->startPipe);
+                C->B = Build_parse(C->home, C->controlFile);
+                assert(C->B);
+        ELSE
+                tell(C, "error\n", Exception_frame.message);
+                RETHROW;
+        END_TRY;
         C->bootstrapped = 1;
         return C->B;
 }
 
 void Container_start(Container_T C) {
         assert(C);
-        checkHome(C);
-        checkPidFile(C);
-        int pid = OS_isRunning(C);
-        if (pid) {
-                Error_warn("%s is already running with pid %d\n", Container_Name, pid);
-                return;
-        }
-        if (!C->bootstrapped)
-                Container_bootstrap(C);
-        OS_createPidFile(C);
-        OS_signal(C);
-        Build_start(C->B);
+        bool pidFileWritten = false;
+        TRY
+                checkHome(C);
+                checkPidFile(C);
+                int pid = OS_isRunning(C);
+                if (pid) {
+                        Error_warn("%s is already running with pid %d\n", Container_Name, pid);
+                        char reason[128];
+                        snprintf(reason, sizeof reason, "%s is already running with pid %d",
+                                 Container_Name, pid);
+                        tell(C, "error\n", reason);
+                        return;
+                }
+                if (!C->bootstrapped)
+                        Container_bootstrap(C);
+                OS_createPidFile(C);
+                pidFileWritten = true;
+                OS_signal(C);
+                if (C->startPipe >= 0) {
+                        Reactor_T reactor = Reactor_getInstance();
+                        Timer_T timer = Reactor_createTimer(reactor);
+                        Timer_setData(timer, C);
+                        Timer_setHandler(timer, serving);
+                        Reactor_scheduleTimer(reactor, timer, 0, 0);
+                }
+                Build_start(C->B);
+        ELSE
+                // A server that never came up, or went down on an error, leaves no pid
+                // file behind to be taken for a running one.
+                if (pidFileWritten)
+                        File_delete(C->pidFile);
+                tell(C, "error\n", Exception_frame.message);
+                RETHROW;
+        END_TRY;
 }
 
 void Container_stop(Container_T C) {

@@ -18,6 +18,7 @@
 
 #include <vesk/Container.h>
 #include <vesk/OS.h>
+#include <vesk/System.h>
 #include <vesk/assert.h>
 
 #include "Support.hpp"
@@ -199,6 +200,37 @@ TEST(ContainerDeathTest, LowDescriptorLimitFailsInContainerNew) {
         };
         EXPECT_EXIT(lowLimit(), testing::ExitedWithCode(1),
                     "AssertException: \\(nfiles - SPARE_DESCRIPTORS\\) > 0");
+}
+
+// In a child process, which it changes for good: the identity, the supplementary groups
+// and the refusals.
+TEST(System, ChangeIdentityDropsRootForUserAndGroup) {
+        if (getuid() != 0)
+                GTEST_SKIP() << "needs root";
+        pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+                int code = 0;
+                if (System_changeIdentity("no-such-user-here", "nogroup") != 0)
+                        code |= 1;
+                if (System_changeIdentity("nobody", "no-such-group-here") != 0)
+                        code |= 2;
+                if (System_changeIdentity("nobody", "nogroup") != 1)
+                        code |= 4;
+                gid_t groups[8];
+                int n = getgroups(8, groups);
+                if (getuid() != 65534 || geteuid() != 65534 || getgid() != 65534 || n != 1 ||
+                    groups[0] != 65534)
+                        code |= 8;
+                // No longer root: nothing more can be changed.
+                if (System_changeIdentity("root", "root") != 0)
+                        code |= 16;
+                _exit(code);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        ASSERT_TRUE(WIFEXITED(status));
+        EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(Launcher, StartStatusStopAndSignals) {

@@ -221,11 +221,32 @@ TEST_F(SSLTest, ClientTurnsTicketsOffOnlyForJabberPorts) {
                 InetAddress_T inet =
                     InetAddress_new(port, dup(lb.client), reinterpret_cast<struct sockaddr*>(&addr),
                                     static_cast<int>(len), 1);
-                SSL_T ssl = SSLConnect(inet);
+                SSL_T ssl = SSLConnect(inet, nullptr);
                 EXPECT_EQ(InetAddress_getSSL(inet), ssl);
                 uint64_t options = SSL_get_options(SSLTransport_native(ssl));
                 EXPECT_EQ((options & SSL_OP_NO_TICKET) != 0, port != 443);
                 EXPECT_EQ(SSL_get_min_proto_version(SSLTransport_native(ssl)), TLS1_2_VERSION);
+                InetAddress_free(&inet);
+        }
+}
+
+TEST_F(SSLTest, ClientNamesTheServerButNeverAnAddress) {
+        for (auto [host, sent] : {std::pair<const char*, const char*>{"Example.org.", "Example.org"},
+                                  {"127.0.0.1", nullptr}, {"::1", nullptr}, {"[::1]", nullptr},
+                                  {"", nullptr}, {nullptr, nullptr}}) {
+                Loopback lb;
+                ASSERT_TRUE(lb.peer);
+                Net_setNonBlocking(lb.client);
+                struct sockaddr_storage addr;
+                socklen_t len = sizeof addr;
+                getpeername(lb.client, reinterpret_cast<struct sockaddr*>(&addr), &len);
+                InetAddress_T inet =
+                    InetAddress_new(443, dup(lb.client), reinterpret_cast<struct sockaddr*>(&addr),
+                                    static_cast<int>(len), 1);
+                SSL_T ssl = SSLConnect(inet, host);
+                const char* name =
+                    SSL_get_servername(SSLTransport_native(ssl), TLSEXT_NAMETYPE_host_name);
+                EXPECT_STREQ(name, sent) << (host ? host : "NULL");
                 InetAddress_free(&inet);
         }
 }

@@ -21,6 +21,7 @@
 #include "Support.hpp"
 #include "TempDir.hpp"
 #include "TlsSupport.hpp"
+#include "ssl/SSLTransport.hpp"
 
 namespace {
 
@@ -193,37 +194,48 @@ TEST_F(URLConnectionTest, AnswersOtherThanOkRaise) {
                   "IOException: Authentication failed: Username and password too long");
 }
 
-TEST_F(URLConnectionTest, HttpsReadsThroughTls) {
+TEST_F(URLConnectionTest, HttpsReadsThroughTlsAndNamesTheHost) {
         TempDir dir;
         std::string pem = makeCertificate(dir);
         SSL_T context = SSLNew(pem.c_str(), "ALL:!aNULL");
-        ServerSocket_T listener = ServerSocket_new(0, "127.0.0.1", 4);
-        std::string request, error;
-        std::thread t([&] {
-                TRY
-                        if (!Net_canRead(ServerSocket_getSocket(listener), 3000))
-                            THROW(IOException, "no connection");
-                        InetAddress_T inet = ServerSocket_accept(listener);
-                        SSLAccept(context, inet);
-                        InputStream_T in = InetAddress_getInputStream(inet);
-                        char line[256];
-                        while (InputStream_readLine(in, line, sizeof line) && strcmp(line, "\r\n") != 0)
-                                request += line;
-                        OutputStream_T out = InetAddress_getOutputStream(inet);
-                        OutputStream_print(out, "HTTP/1.1 200 OK\r\n\r\nsecret");
-                        OutputStream_flush(out);
-                        InetAddress_free(&inet);
-                ELSE
-                        error = Exception_frame.message;
-                END_TRY;
-        });
-        EXPECT_EQ(
-            fetch("https://127.0.0.1:" + std::to_string(ServerSocket_getPort(listener)) + "/x"),
-            "secret");
-        t.join();
-        EXPECT_EQ(error, "");
-        EXPECT_EQ(request.rfind("GET /x HTTP/1.1\r\n", 0), 0u) << request;
-        ServerSocket_free(&listener);
+        // The name sent in the handshake (SNI) picks the certificate where hosts share an
+        // address; an address is never sent as a name.
+        for (auto [host, name] : {std::pair{"127.0.0.1", ""}, std::pair{"localhost", "localhost"}}) {
+                SCOPED_TRACE(host);
+                ServerSocket_T listener = ServerSocket_new(0, "127.0.0.1", 4);
+                std::string request, error, sent;
+                std::thread t([&] {
+                        TRY
+                                if (!Net_canRead(ServerSocket_getSocket(listener), 3000))
+                                    THROW(IOException, "no connection");
+                                InetAddress_T inet = ServerSocket_accept(listener);
+                                SSLAccept(context, inet);
+                                InputStream_T in = InetAddress_getInputStream(inet);
+                                char line[256];
+                                while (InputStream_readLine(in, line, sizeof line) &&
+                                       strcmp(line, "\r\n") != 0)
+                                        request += line;
+                                const char* got =
+                                    SSL_get_servername(SSLTransport_native(InetAddress_getSSL(inet)),
+                                                       TLSEXT_NAMETYPE_host_name);
+                                sent = got ? got : "";
+                                OutputStream_T out = InetAddress_getOutputStream(inet);
+                                OutputStream_print(out, "HTTP/1.1 200 OK\r\n\r\nsecret");
+                                OutputStream_flush(out);
+                                InetAddress_free(&inet);
+                        ELSE
+                                error = Exception_frame.message;
+                        END_TRY;
+                });
+                EXPECT_EQ(fetch(std::string("https://") + host + ":" +
+                                std::to_string(ServerSocket_getPort(listener)) + "/x"),
+                          "secret");
+                t.join();
+                EXPECT_EQ(error, "");
+                EXPECT_EQ(request.rfind("GET /x HTTP/1.1\r\n", 0), 0u) << request;
+                EXPECT_EQ(sent, name);
+                ServerSocket_free(&listener);
+        }
         SSLFree(&context);
 }
 

@@ -65,11 +65,17 @@ VESK_API const char* Container_getPidFile(Container_T C);
 /* Whether bootstrap turns the process into a daemon; on by default. */
 VESK_API void Container_setDaemon(Container_T C, int daemon);
 VESK_API int Container_isDaemon(Container_T C);
+/* The write end of a pipe (a descriptor above 2) on which bootstrap and start report
+   how the start went: "ready\n" once the server listens on every connector, or "error\n"
+   followed by the reason; then C closes it. It stays open in the daemon, so that the
+   process that started one can wait for the outcome and report it. */
+VESK_API void Container_setStartPipe(Container_T C, int fd);
 /* The server configuration, or NULL before bootstrap. Owned by C. */
 VESK_API Build_T Container_getBuild(Container_T C);
 /* Checks the home, daemonizes if asked and reads the configuration. Once only. */
 VESK_API Build_T Container_bootstrap(Container_T C);
-/* Writes the pid file, installs the signal handlers and serves until stopped. */
+/* Writes the pid file, installs the signal handlers and serves until stopped. A start
+   that fails removes the pid file it wrote before it raises. */
 VESK_API void Container_start(Container_T C);
 /* Asks the server running from this home to stop; usable from another process. */
 VESK_API void Container_stop(Container_T C);

@@ -46,8 +46,14 @@ VESK_API int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res);
 /* Sets context path and logger on req, touches its session (outside include and
    forward) and maps its URI; the Wrapper, or NULL. */
 VESK_API Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res);
-/* Maps req's URI and sets servlet path and path info, nothing else; the Wrapper or NULL. */
+/* Maps req's URI and sets servlet path and path info, nothing else; the Wrapper or NULL.
+   Both mappings see the URI below the context path, which always begins with "/", and
+   map a private path (Context_isPrivatePath) to nothing. */
 VESK_API Wrapper_T Context_dispatch(Context_T C, HttpRequest_T req);
+/* True if path, taken below an application's directory, leads into a directory named
+   WEB-INF in any letter case, once repeated separators and dot segments are resolved.
+   Nothing there is ever served. NULL is not private; needs no Context. */
+VESK_API int Context_isPrivatePath(const char* path);
 
 /* Makes a built-in servlet with no entry points, maps pattern to it and returns it.
    Raises "Servlet name '%s' contains invalid characters" for an empty name or one
@@ -99,8 +105,9 @@ VESK_API void Context_vlog(Context_T C, const char* m, va_list ap) VESK_PRINTF(2
 VESK_API void Context_setDocBase(Context_T C, const char* docBase);
 /* The application directory, or NULL. */
 VESK_API const char* Context_getDocBase(Context_T C);
-/* "" or a path starting with '/', copied without trailing separators; checks
-   "(path[0] == '\\0') || (path[0] == '/')". */
+/* "" or a path starting with '/', held with repeated separators and dot segments
+   resolved and without trailing separators, so that "/app/", "/app//" and "/app" are
+   one path and "/" is ""; checks "(path[0] == '\\0') || (path[0] == '/')". */
 VESK_API void Context_setContextPath(Context_T C, const char* path);
 /* The context path, or NULL before it is set. */
 VESK_API const char* Context_getContextPath(Context_T C);

@@ -6,8 +6,9 @@
  * It answers conditional requests (If-Match, If-None-Match, If-Modified-Since,
  * If-Unmodified-Since), finds welcome files, redirects directories to their slash form,
  * and hands the body to the response as a FileCache mapping, gzip-compressed when the
- * client takes it. It never serves anything under /WEB-INF (in any letter case), never
- * follows a symbolic link, and refuses PUT, DELETE and TRACE with 403.
+ * client takes it. It never serves anything under a WEB-INF directory (Context_isPrivatePath),
+ * not even as a welcome file, never follows a symbolic link, and refuses PUT, DELETE and
+ * TRACE with 403.
  */
 #ifndef VESK_DEFAULTSERVLET_INCLUDED
 #define VESK_DEFAULTSERVLET_INCLUDED

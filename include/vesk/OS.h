@@ -14,8 +14,9 @@ VESK_BEGIN_DECLS
 VESK_API void OS_initialize(void);
 /* The most concurrent connections: raises the descriptor limit and keeps 100 spare. */
 VESK_API int OS_concurrency(void);
-/* Turns the process into a daemon detached from its terminal. */
-VESK_API void OS_daemonize(void);
+/* Turns the process into a daemon detached from its terminal: every descriptor is
+   closed but keep (-1 for none, else above 2), and 0, 1 and 2 read and write /dev/null. */
+VESK_API void OS_daemonize(int keep);
 /* Shuts the server down on SIGINT, SIGTERM, SIGQUIT and SIGABRT; ignores the rest. */
 VESK_API void OS_signal(Container_T C);
 /* Writes this process's pid to C's pid file. */

@@ -37,8 +37,9 @@ VESK_API void SSLFree(SSL_T* S);
    object to inet, which owns it; returns it. */
 VESK_API SSL_T SSLAccept(SSL_T server, InetAddress_T inet);
 /* Starts the client side of TLS on inet with a private context and attaches the new
-   object to inet, which owns it; returns it. */
-VESK_API SSL_T SSLConnect(InetAddress_T inet);
+   object to inet, which owns it; returns it. serverName, the host the connection is
+   for, is sent in the handshake (SNI) unless it is NULL or an IP address. */
+VESK_API SSL_T SSLConnect(InetAddress_T inet, const char* serverName);
 /* Shuts a connection object down without waiting, frees it and clears *S. */
 VESK_API void SSLRelease(SSL_T* S);
 /* Reads at most size bytes, waiting up to the timeout of inet's input stream. */

@@ -37,7 +37,8 @@ VESK_API const char* ServletContext_getContextPath(ServletContext_T C);
 /* The Context's docBase. */
 VESK_API const char* ServletContext_getDocumentBase(ServletContext_T C);
 /* The real file path of path below docBase, in the current request's arena; NULL for
-   "/WEB-INF..." in any case, without a docBase, or when it does not resolve. */
+   a path into WEB-INF (Context_isPrivatePath), without a docBase, or when it does not
+   resolve. */
 VESK_API const char* ServletContext_getRealPath(ServletContext_T C, const char* path);
 /* A stream on the real path, or NULL; the caller frees it. */
 VESK_API FileInputStream_T ServletContext_getResourceAsStream(ServletContext_T C, const char* path);

@@ -4,6 +4,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <string>
+
 #include <vesk/Arena.h>
 #include <vesk/Build.h>
 #include <vesk/Config.h>
@@ -25,6 +27,7 @@
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
+#include <vesk/Table.h>
 #include <vesk/Time.h>
 #include <vesk/Thread.h>
 #include <vesk/URL.h>
@@ -61,6 +64,37 @@ enum {
         kHost = 6,
 };
 
+// The current Host's context paths, normalised, each with the spelling that came first.
+class ContextPaths {
+public:
+        ContextPaths() = default;
+        ContextPaths(const ContextPaths&) = delete;
+        ContextPaths& operator=(const ContextPaths&) = delete;
+        ~ContextPaths() {
+                if (arena_)
+                        Arena_dispose(&arena_);
+        }
+        // The spelling that came first for path; spelling itself if path is new.
+        const char* add(const char* path, const char* spelling) {
+                if (!arena_) {
+                        arena_ = Arena_new();
+                        spellings_ = Table_alloc(arena_, 5, Str_cmp, Str_hash);
+                }
+                if (auto first = static_cast<const char*>(Table_get(spellings_, path)))
+                        return first;
+                Table_put(spellings_, STR_DUP_ARENA(arena_, path), STR_DUP_ARENA(arena_, spelling));
+                return spelling;
+        }
+        void clear() {
+                if (arena_)
+                        Arena_dispose(&arena_);
+        }
+
+private:
+        Arena_T arena_ = nullptr;
+        Table_T spellings_ = nullptr;
+};
+
 struct ParseState {
         Build_T B;
         int state;
@@ -74,6 +108,7 @@ struct ParseState {
         Host_T host;
         Context_T context;
         HttpConnector_T connector;
+        ContextPaths contextPaths;
 };
 
 void copyField(char* field, const char* value) {
@@ -360,9 +395,20 @@ void saxAddHost(const char** attributes, ParseState* a) {
         Engine_addHost(a->B->engine, host);
 }
 
+// The one form of a context path that requests are matched against: decoded like a
+// request URI, rooted, without repeated separators, dot segments or a trailing separator.
+std::string normalContextPath(const char* spelling) {
+        std::string path = std::string(SEPARATOR) + spelling;
+        URL_normalize(URL_unescape(path.data()));
+        path.resize(strlen(path.c_str()));
+        while (!path.empty() && path.back() == SEPARATOR_CHAR)
+                path.pop_back();
+        return path;
+}
+
 void saxAddContext(const char** attributes, ParseState* a) {
-        const char* contextPath = XMLParser_getAttribute("path", attributes);
-        if (!contextPath)
+        const char* spelling = XMLParser_getAttribute("path", attributes);
+        if (!spelling)
                 THROW(AssertException,
                       "The path attribute was not defined in the <Context> element");
         const char* docBase = XMLParser_getAttribute("docBase", attributes);
@@ -377,17 +423,25 @@ void saxAddContext(const char** attributes, ParseState* a) {
         Host_T host = Engine_findHost(a->B->engine, a->hostName);
         if (!host)
                 THROW(AssertException, "Host '%s' not found", a->hostName);
-        // A second <Context> with the same path configures the first and keeps its docBase.
-        Context_T context = Host_map(host, contextPath);
-        if (!context || !Str_isByteEqual(Context_getContextPath(context), contextPath)) {
+        std::string contextPath = normalContextPath(spelling);
+        // A second <Context> spelled the same configures the first and keeps its docBase;
+        // one spelled otherwise for the same path is a mistake that would hide one of them.
+        const char* first = a->contextPaths.add(contextPath.c_str(), spelling);
+        if (strcmp(first, spelling) != 0)
+                THROW(AssertException,
+                      "The <Context> path '%s' in <Host> '%s' is the same path as the earlier "
+                      "'%s'",
+                      spelling, a->hostName, first);
+        Context_T context = Host_getContext(host, contextPath.c_str());
+        if (!context) {
                 context = a->context = Context_new();
-                Context_setContextPath(context, contextPath);
+                Context_setContextPath(context, contextPath.c_str());
                 checkDirAttribute(path, "Context", "docBase");
                 Context_setDocBase(context, path);
         }
         Host_addContext(host, context);
         a->context = nullptr;
-        if (!*contextPath)
+        if (contextPath.empty())
                 Host_setDefaultContext(host, context);
         for (int i = 0; attributes[i]; i += 2) {
                 const char* attribute = attributes[i];
@@ -550,6 +604,7 @@ void saxEndElement(const char* name, void* ctx) {
         case kHost:
                 if (is("Host")) {
                         *a->hostName = *a->appBase = 0;
+                        a->contextPaths.clear();
                         a->state = kEngine;
                         return;
                 }

@@ -1,6 +1,7 @@
 #include <limits.h>
 #include <stdio.h>
 #include <string.h>
+#include <strings.h>
 
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
@@ -48,6 +49,9 @@ char* copyPath(Context_T C, const char* path) {
         return s;
 }
 
+constexpr char kPrivate[] = "WEB-INF";
+constexpr size_t kPrivateLength = sizeof kPrivate - 1;
+
 // The servlet mapped to pattern, or NULL; `found` tells whether the pattern is mapped.
 Wrapper_T servletFor(Context_T C, const char* pattern, bool& found) {
         const char* name = static_cast<const char*>(Table_get(C->servletMapping, pattern));
@@ -64,6 +68,12 @@ Wrapper_T cannotLoad(Context_T C, const char* path) {
 // Maps path, the URI behind the context path: exact, longest prefix, extension, default.
 // A pattern found whose servlet cannot be had ends the search.
 Wrapper_T applyMap(Context_T C, HttpRequest_T req, const char* path) {
+        // No servlet, built-in or the application's own, is ever handed such a path.
+        if (Context_isPrivatePath(path)) {
+                Error_debug("[Context %s] Refused the private URL '%s'\n",
+                            C->contextPath ? C->contextPath : "", path);
+                return nullptr;
+        }
         bool found = false;
         Wrapper_T w = nullptr;
         if (path[0] && path[1]) {
@@ -136,13 +146,25 @@ Wrapper_T applyMap(Context_T C, HttpRequest_T req, const char* path) {
         return cannotLoad(C, path);
 }
 
-// The URI behind the context path, or "" when the URI is not longer than it.
-const char* pathOf(Context_T C, HttpRequest_T req) {
+// Maps the URI below the context path, which always begins with "/": the context path
+// itself maps as "/", and a URI outside it (the asterisk of OPTIONS, or a dispatch target
+// that merely begins with the same letters) is taken as relative to the application.
+Wrapper_T mapURI(Context_T C, HttpRequest_T req) {
         const char* uri = HttpRequest_getRequestURI(req);
         if (!uri)
-                return "";
-        size_t n = strlen(uri);
-        return static_cast<size_t>(C->contextPathLength) <= n ? uri + C->contextPathLength : "";
+                uri = "";
+        size_t n = static_cast<size_t>(C->contextPathLength);
+        const char* path = uri;
+        if (n > 0 && strncmp(uri, C->contextPath, n) == 0 && (uri[n] == '/' || uri[n] == 0))
+                path = uri + n;
+        if (*path == '/')
+                return applyMap(C, req, path);
+        if (!*path)
+                return applyMap(C, req, "/");
+        char rooted[PATH_MAX + 1];
+        if (snprintf(rooted, sizeof rooted, "/%s", path) >= static_cast<int>(sizeof rooted))
+                return cannotLoad(C, path);
+        return applyMap(C, req, rooted);
 }
 
 }  // namespace
@@ -246,13 +268,13 @@ Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res) {
                 if (session && kernelseam::sessionIsValid(session))
                         kernelseam::sessionAccess(session);
         }
-        return applyMap(C, req, pathOf(C, req));
+        return mapURI(C, req);
 }
 
 Wrapper_T Context_dispatch(Context_T C, HttpRequest_T req) {
         assert(C);
         assert(req);
-        return applyMap(C, req, pathOf(C, req));
+        return mapURI(C, req);
 }
 
 Wrapper_T Context_createServlet(Context_T C, const char* name, const char* pattern) {
@@ -415,8 +437,14 @@ void Context_setContextPath(Context_T C, const char* path) {
         assert(C);
         assert(path);
         assert((path[0] == '\0') || (path[0] == '/'));
-        C->contextPathLength = static_cast<int>(strlen(path));
-        C->contextPath = copyPath(C, path);
+        // Request URIs arrive with repeated separators and dot segments resolved, so the
+        // context path is held the same way, and its length is that of the text held.
+        char* s = URL_normalize(STR_DUP_ARENA(C->arena, path));
+        size_t n = strlen(s);
+        while (n > 0 && s[n - 1] == SEPARATOR_CHAR)
+                s[--n] = 0;
+        C->contextPath = s;
+        C->contextPathLength = static_cast<int>(n);
 }
 
 const char* Context_getContextPath(Context_T C) {
@@ -452,4 +480,25 @@ Loader_T Context_getLoader(Context_T C) {
 ServletContext_T Context_getServletContext(Context_T C) {
         assert(C);
         return C->servletContext;
+}
+
+int Context_isPrivatePath(const char* path) {
+        if (!path)
+                return false;
+        char normal[PATH_MAX + 1];
+        size_t n = strlen(path);
+        // Too long to be resolved here is too long to be trusted.
+        if (n > PATH_MAX)
+                return true;
+        memcpy(normal, path, n + 1);
+        URL_normalize(normal);
+        for (const char* segment = normal; *segment;) {
+                while (*segment == '/')
+                        segment++;
+                size_t length = strcspn(segment, "/");
+                if (length == kPrivateLength && strncasecmp(segment, kPrivate, length) == 0)
+                        return true;
+                segment += length;
+        }
+        return false;
 }

@@ -596,7 +596,7 @@ const char* ServletContext_getDocumentBase(ServletContext_T C) {
 
 const char* ServletContext_getRealPath(ServletContext_T C, const char* path) {
         assert(C);
-        if (!path || Str_startsWith(path, "/WEB-INF"))
+        if (!path || Context_isPrivatePath(path))
                 return nullptr;
         const char* docBase = ServletContext_getDocumentBase(C);
         if (!docBase)

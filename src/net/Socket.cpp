@@ -85,7 +85,7 @@ void Socket_abort(Socket_T* S) {
 void Socket_starttls(Socket_T S) {
         assert(S);
         if (!InetAddress_isSecure(S->inet))
-                SSLTransport_connect(S->inet);
+                SSLTransport_connect(S->inet, S->host);
 }
 
 InputStream_T Socket_getInputStream(Socket_T S) {

@@ -33,9 +33,10 @@ bool isMappedPage(const char* entry) {
         return dot && (Str_isEqual(dot + 1, "csp") || Str_isEqual(dot + 1, "php"));
 }
 
-// Finds a welcome file after the trailing '/' of path; false when an answer was sent.
+// Finds a welcome file after the trailing '/' of path, whose first root bytes are the
+// application's directory; false when an answer was sent.
 bool findWelcomeFile(HttpRequest_T req, HttpResponse_T res, ServletContext_T servletContext,
-                     char* path) {
+                     char* path, size_t root) {
         List_T welcome = ServletContext_getWelcomeFiles(servletContext);
         size_t base = strlen(path);
         int room = kPathMax - 1 - static_cast<int>(base);
@@ -43,7 +44,7 @@ bool findWelcomeFile(HttpRequest_T req, HttpResponse_T res, ServletContext_T ser
                 for (list_t p = welcome->head; p && welcome->length > 0; p = p->next) {
                         const char* entry = static_cast<const char*>(p->e);
                         Str_copy(path + base, entry, room);
-                        if (!File_isFile(path))
+                        if (Context_isPrivatePath(path + root) || !File_isFile(path))
                                 continue;
                         if (isMappedPage(entry)) {
                                 HttpResponse_sendRedirect(res, "%s%s",
@@ -159,7 +160,7 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
         assert(relativePath);
         if (!*relativePath)
                 relativePath = "/";
-        else if (*relativePath != '/' || Str_startsWith(relativePath, "/WEB-INF") ||
+        else if (*relativePath != '/' || Context_isPrivatePath(relativePath) ||
                  climbsUp(relativePath)) {
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
@@ -173,7 +174,8 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
         char path[kPathMax];
         _Str_join(path, kPathMax - 1, docBase, relativePath, (const char*)0);
         size_t length = strlen(path);
-        if (length && path[length - 1] == '/' && !findWelcomeFile(req, res, servletContext, path))
+        if (length && path[length - 1] == '/' &&
+            !findWelcomeFile(req, res, servletContext, path, strlen(docBase)))
                 return 1;
         struct stat st;
         if (lstat(path, &st) != 0) {

@@ -1,4 +1,5 @@
 // The built-in servlet for "*.csp": each request renders the page at its servlet path.
+#include <vesk/Context.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/ServerPage.h>
@@ -11,7 +12,11 @@ namespace {
 int doProcess(HttpRequest_T req, HttpResponse_T res, int write) {
         assert(req && res);
         HttpResponse_setContentType(res, "text/html");
-        ServerPage_T page = HttpResponse_getServerPage(res, HttpRequest_getServletPath(req));
+        const char* path = HttpRequest_getServletPath(req);
+        // Mapping refuses such paths already; a page is rendered from disk, so this servlet
+        // holds the line by itself too.
+        ServerPage_T page =
+            Context_isPrivatePath(path) ? nullptr : HttpResponse_getServerPage(res, path);
         if (!page) {
                 HttpResponse_sendError(res, 404,
                                        "The requested URL <i>%s</i> was not found on this server",

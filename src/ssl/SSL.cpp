@@ -1,4 +1,6 @@
+#include <arpa/inet.h>
 #include <errno.h>
+#include <netinet/in.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -35,6 +37,7 @@ struct SSL_S {
 namespace {
 
 constexpr int kErrorSize = 256;
+constexpr int kNameSize = 256;  // a DNS name has at most 253 characters
 constexpr int kShutdownTries = 4;
 constexpr char kClientCiphers[] = "ALL:!DES:!3DES:!RC4:!aNULL:!LOW:!EXP:!IDEA:!MD5:@STRENGTH";
 // Jabber's ports: some of those servers choke on session tickets.
@@ -65,6 +68,23 @@ const char* lastError(char* error) {
                          errno ? System_getLastError() : "connection closed during handshake");
         ERR_clear_error();
         return error;
+}
+
+// The name to send in the handshake (SNI), which picks the certificate of a server
+// that has several: a host name, without the root's trailing dot. An address is never
+// sent, nor an empty name; false then.
+bool serverNameOf(const char* host, char name[kNameSize]) {
+        if (!host || *host == '[')
+                return false;
+        size_t n = strlen(host);
+        if (n > 0 && host[n - 1] == '.')
+                n--;
+        if (n == 0 || n >= kNameSize)
+                return false;
+        memcpy(name, host, n);
+        name[n] = 0;
+        unsigned char address[sizeof(struct in6_addr)];
+        return inet_pton(AF_INET, name, address) != 1 && inet_pton(AF_INET6, name, address) != 1;
 }
 
 void restrictProtocols(SSL_CTX* ctx, uint64_t options) {
@@ -248,7 +268,7 @@ SSL_T SSLAccept(SSL_T server, InetAddress_T inet) {
         return S;
 }
 
-SSL_T SSLConnect(InetAddress_T inet) {
+SSL_T SSLConnect(InetAddress_T inet, const char* serverName) {
         assert(inet);
         ERR_clear_error();
         SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
@@ -267,6 +287,13 @@ SSL_T SSLConnect(InetAddress_T inet) {
                       kClientCiphers);
         }
         attachSSL(&S, true);
+        char name[kNameSize];
+        if (serverNameOf(serverName, name) &&
+            SSL_set_tlsext_host_name(S->ssl, name) != 1) {
+                SSLRelease(&S);
+                ERR_clear_error();
+                THROW(IOException, "Invalid server name '%s'", name);
+        }
         char error[kErrorSize];
         if (!startHandshake(S, error)) {
                 SSLRelease(&S);

@@ -34,7 +34,8 @@ inline void SSLTransport_release(SSL_T* ssl) {
         SSLRelease(ssl);
 }
 
-// Starts the client side of TLS on inet and attaches the object with InetAddress_setSSL.
-inline void SSLTransport_connect(InetAddress_T inet) {
-        SSLConnect(inet);
+// Starts the client side of TLS on inet for the server named host and attaches the object
+// with InetAddress_setSSL.
+inline void SSLTransport_connect(InetAddress_T inet, const char* host) {
+        SSLConnect(inet, host);
 }

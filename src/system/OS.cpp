@@ -116,7 +116,8 @@ int OS_concurrency(void) {
                                                   : nfiles - SPARE_DESCRIPTORS);
 }
 
-void OS_daemonize(void) {
+void OS_daemonize(int keep) {
+        assert(keep < 0 || keep > 2);
         umask(0);
         int descriptors = getdtablesize();
         pid_t pid = fork();
@@ -136,7 +137,8 @@ void OS_daemonize(void) {
         if (chdir("/") < 0)
                 THROW(AssertException, "Cannot chdir to -- %s", System_getLastError());
         for (int fd = 0; fd < descriptors; fd++)
-                close(fd);
+                if (fd != keep)
+                        close(fd);
         for (int fd = 0; fd < 3; fd++)
                 if (open("/dev/null", O_RDWR) != fd)
                         THROW(AssertException, "Cannot open /dev/null -- %s",

@@ -35,7 +35,9 @@ int System_changeIdentity(const char* user, const char* group) {
         int status = group ? getgrnam_r(group, &grp, buffer, size, &g) : 0;
         if (status == 0 && g && setgid(g->gr_gid) == 0) {
                 status = user ? getpwnam_r(user, &pwd, buffer, size, &p) : 0;
-                if (status == 0 && p && setuid(p->pw_uid) == 0)
+                // Root's own supplementary groups must not outlive the change.
+                if (status == 0 && p && initgroups(p->pw_name, g->gr_gid) == 0 &&
+                    setuid(p->pw_uid) == 0)
                         return 1;
         }
         if (status > 0)

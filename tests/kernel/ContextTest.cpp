@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include <vesk/Context.h>
 #include <vesk/HttpRequest.h>
@@ -62,9 +63,49 @@ TEST(ContextMapping, ExactBeatsPrefixBeatsExtensionBeatsDefault) {
         EXPECT_EQ(app.get("/.csp"), "[root|/.csp|null]");
         EXPECT_EQ(app.get("/nothing"), "[root|/nothing|null]");
         EXPECT_EQ(app.get("/"), "[root|/|null]");
-        EXPECT_EQ(app.get(""), "[root||null]");
+        // The context path alone maps like its slash form: a servlet path begins with "/".
+        EXPECT_EQ(app.get(""), "[root|/|null]");
         // Each virtual servlet is also reachable by its name.
         EXPECT_EQ(app.get("/exact"), "[exact|/exact|null]");
+}
+
+TEST(ContextMapping, WEBINFIsPrivateHoweverItIsSpelled) {
+        for (const char* path :
+             {"/WEB-INF", "/WEB-INF/", "/web-inf/web.xml", "//WEB-INF/x", "/a/../WEB-INF/x",
+              "/./Web-Inf", "WEB-INF/x", "/a/WEB-INF/b.csp", "/a/b/../../WEB-INF/x"})
+                EXPECT_TRUE(Context_isPrivatePath(path)) << path;
+        std::string tooLong(4097, 'a');
+        tooLong[0] = '/';
+        EXPECT_TRUE(Context_isPrivatePath(tooLong.c_str()));
+        for (const char* path : {"", "/", "/WEB-INFO/x", "/x/WEB-INF.txt", "/MY-WEB-INF/", "/WEB",
+                                 "/WEB-INF/../x"})
+                EXPECT_FALSE(Context_isPrivatePath(path)) << path;
+        EXPECT_FALSE(Context_isPrivatePath(nullptr));
+        // No servlet is handed such a path, not even the default one.
+        App app;
+        for (const char* path : {"/WEB-INF/x.csp", "/a/WEB-INF", "/web-inf/x.txt"})
+                EXPECT_EQ(app.get(path), "status 404") << path;
+}
+
+TEST(ContextMapping, ContextPathSpellingsAreOnePath) {
+        struct Case {
+                const char* spelling;
+                const char* held;
+        };
+        for (const Case& c : std::vector<Case>{{"/ctx/", "/ctx"},
+                                               {"/ctx//", "/ctx"},
+                                               {"//ctx", "/ctx"},
+                                               {"/", ""},
+                                               {"//", ""},
+                                               {"/a/./b/../ctx/", "/a/ctx"}}) {
+                App app;
+                Context_setContextPath(app.C, c.spelling);
+                EXPECT_STREQ(Context_getContextPath(app.C), c.held) << c.spelling;
+        }
+        App app;
+        Context_setContextPath(app.C, "/ctx/");
+        EXPECT_EQ(app.get("/a/b/c"), "[longer|/a/b|/c]");
+        EXPECT_EQ(app.get("/nothing"), "[root|/nothing|null]");
 }
 
 TEST(ContextMapping, WithoutADefaultServletAnUnmappedURLIs404) {

@@ -166,7 +166,9 @@ TEST_F(WebXml, AttributesAndRealPaths) {
         ASSERT_NE(real, nullptr);
         EXPECT_TRUE(contains(real, "/page.html"));
         EXPECT_EQ(ServletContext_getRealPath(s, "/web-inf/web.xml"), nullptr);
-        EXPECT_EQ(ServletContext_getRealPath(s, "/WEB-INF/classes"), nullptr);
+        for (const char* hidden : {"/WEB-INF/classes", "//WEB-INF/classes", "/./WEB-INF/classes",
+                                   "WEB-INF/classes", "/Web-Inf/../WEB-INF/classes"})
+                EXPECT_EQ(ServletContext_getRealPath(s, hidden), nullptr) << hidden;
         FileInputStream_T in = ServletContext_getResourceAsStream(s, "/page.html");
         ASSERT_NE(in, nullptr);
         FileInputStream_free(&in);
