@@ -21,7 +21,7 @@
 #include <vesk/System.h>
 #include <vesk/assert.h>
 
-#include "Support.hpp"
+#include "support/Support.hpp"
 
 extern char** environ;
 

@@ -9,8 +9,8 @@
 #include <vesk/RequestDispatcher.h>
 #include <vesk/Wrapper.h>
 
-#include "../Support.hpp"
-#include "KernelSupport.hpp"
+#include "support/Support.hpp"
+#include "support/KernelSupport.hpp"
 
 namespace {
 

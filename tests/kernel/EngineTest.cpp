@@ -7,8 +7,8 @@
 #include <vesk/Logger.h>
 #include <vesk/Service.h>
 
-#include "../Support.hpp"
-#include "KernelSupport.hpp"
+#include "support/Support.hpp"
+#include "support/KernelSupport.hpp"
 
 namespace {
 

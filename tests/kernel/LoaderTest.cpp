@@ -12,8 +12,8 @@
 #include <vesk/ServletContext.h>
 #include <vesk/Wrapper.h>
 
-#include "../Support.hpp"
-#include "KernelSupport.hpp"
+#include "support/Support.hpp"
+#include "support/KernelSupport.hpp"
 
 namespace {
 

@@ -8,8 +8,8 @@
 #include <vesk/SecurityConstraint.h>
 #include <vesk/ServletContext.h>
 
-#include "../Support.hpp"
-#include "KernelSupport.hpp"
+#include "support/Support.hpp"
+#include "support/KernelSupport.hpp"
 
 namespace {
 

@@ -1,0 +1,192 @@
+// The whole server over loopback: a home written for each test, served by the launcher in
+// a child process or by Build on a thread of this process, and spoken to in plain HTTP.
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "support/ServerSupport.hpp"
+
+namespace {
+
+using namespace e2e;
+
+class EndToEnd : public testing::TestWithParam<bool> {
+protected:
+        Reply get(const std::string& uri, const std::string& headers = "",
+                  const std::string& host = "localhost", const std::string& method = "GET") {
+                return roundTrip(home.port, request(uri, headers, host, method));
+        }
+        Home home;
+};
+
+TEST_P(EndToEnd, MapsHostsApplicationsAndServlets) {
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+
+        struct Case {
+                std::string uri, host;
+                int status;
+                std::string body;
+        };
+        const std::vector<Case> cases = {
+            // Exact beats prefix beats extension beats the default servlet.
+            {"/app/x/y", "localhost", 200, "echo one"},
+            {"/app/x/z", "localhost", 200, "hello GET servlet=/x info=/z"},
+            {"/app/x/y.do", "localhost", 200, "hello GET servlet=/x info=/y.do"},
+            {"/app/a.do", "localhost", 200, "relay servlet=/a.do"},
+            {"/app/", "localhost", 200, "app index"},
+            // Every module answers below its own name.
+            {"/app/hello", "localhost", 200, "hello GET servlet=/hello info=null"},
+            {"/app/relay?go=forward&to=/hello", "localhost", 200,
+             "hello GET servlet=/hello info=null"},
+            {"/app/relay?go=include&to=/hello", "localhost", 200,
+             "[hello GET servlet=/hello info=null]"},
+            // Names and aliases pick the host; an unknown name gets the default host.
+            {"/site/", "127.0.0.3", 200, "other site"},
+            {"/site/index.html", "127.0.0.2:8080", 200, "other site"},
+            {"/", "unknown.test", 200, "root index"},
+            {"/", "127.0.0.1", 200, "root index"},
+        };
+        for (const Case& c : cases) {
+                Reply r = get(c.uri, "", c.host);
+                EXPECT_EQ(r.status, c.status) << c.uri << " " << c.host << "\n" << r.head;
+                EXPECT_EQ(r.body, c.body) << c.uri << " " << c.host;
+        }
+
+        // A host without a root application has no Context for "/"; an application that
+        // has no such file answers with its own 404.
+        Reply none = get("/", "", "127.0.0.2");
+        EXPECT_EQ(none.status, 404);
+        EXPECT_TRUE(contains(none.body, "No Context found")) << none.body;
+        Reply missing = get("/app/missing.html");
+        EXPECT_EQ(missing.status, 404);
+        EXPECT_FALSE(contains(missing.body, "No Context found")) << missing.body;
+        Reply elsewhere = get("/site/index.html", "", "localhost");
+        EXPECT_EQ(elsewhere.status, 404);
+
+        // Modules that did not load or whose init raised are not there.
+        EXPECT_EQ(get("/app/broken").status, 404);
+        EXPECT_EQ(get("/app/failinit").status, 404);
+
+        // A method the servlet lacks is 405, and the connection closes.
+        Reply post = get("/app/echo", "Content-Length: 0\r\n", "localhost", "POST");
+        EXPECT_EQ(post.status, 405);
+        EXPECT_EQ(post.header("Connection"), "close");
+
+        // A changed module in a reloadable application is picked up by the next request.
+        installModule(home / "webapps/app/WEB-INF/classes", "echo_two", "echo", time(nullptr) + 10);
+        EXPECT_EQ(get("/app/echo").body, "echo two");
+
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+        EXPECT_TRUE(contains(readFile(home / "logs/error.log"),
+                             "when calling servlet 'failinit' init method -- init of failinit "
+                             "failed"));
+}
+
+TEST_P(EndToEnd, ServesFilesAndPagesAndNothingOutside) {
+        std::string text;
+        for (int i = 0; i < 2000; i++)
+                text += "line " + std::to_string(i) + " of a text that compresses well\n";
+        home.write("webapps/ROOT/big.txt", text);
+        home.write("webapps/ROOT/page.csp", "<p><?cs var:html_escape(Request.Param.name) ?></p>");
+        home.write("webapps/ROOT/bad.csp", "<?cs if:x ?> never closed");
+        symlink((home / "conf/server.xml").c_str(), (home / "webapps/ROOT/link.txt").c_str());
+        std::string large(16 << 20, 'a');
+        home.write("webapps/ROOT/large.txt", large);
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+
+        Reply file = get("/big.txt");
+        EXPECT_EQ(file.status, 200);
+        EXPECT_TRUE(file.body == text);
+        EXPECT_EQ(file.header("Content-Type"), "text/plain");
+        EXPECT_EQ(file.header("Content-Length"), std::to_string(text.size()));
+        std::string etag = file.header("ETag"), modified = file.header("Last-Modified");
+        ASSERT_FALSE(etag.empty());
+        ASSERT_FALSE(modified.empty());
+        for (const std::string& condition :
+             {"If-None-Match: " + etag, "If-Modified-Since: " + modified}) {
+                Reply r = get("/big.txt", condition + "\r\n");
+                EXPECT_EQ(r.status, 304) << condition;
+                EXPECT_EQ(r.body, "") << condition;
+        }
+        Reply gzip = get("/big.txt", "Accept-Encoding: gzip\r\n");
+        EXPECT_EQ(gzip.status, 200);
+        EXPECT_EQ(gzip.header("Content-Encoding"), "gzip");
+        EXPECT_EQ(file.header("Vary"), "Accept-Encoding");
+        EXPECT_EQ(gzip.header("Vary"), "Accept-Encoding");
+        EXPECT_LT(gzip.body.size(), text.size() / 4);
+        EXPECT_TRUE(gunzip(gzip.body) == text);
+
+        // Nothing outside the application, under WEB-INF, or behind a link.
+        for (const char* uri :
+             {"/../conf/server.xml", "/%2e%2e/conf/server.xml", "/a/%2E%2E/%2e%2e/conf/server.xml",
+              "/..%2fconf/server.xml", "/WEB-INF/web.xml", "/web-inf/web.xml", "/Web-Inf/web.xml",
+              "/%57EB-INF/web.xml", "/WEB-INF/", "/link.txt", "/./link.txt"}) {
+                Reply r = get(uri);
+                EXPECT_NE(r.status, 200) << uri;
+                EXPECT_FALSE(contains(r.body, "License") || contains(r.body, "secret"))
+                    << uri << "\n"
+                    << r.body;
+        }
+
+        Reply page = get("/page.csp?name=%3Cb%3E%26");
+        EXPECT_EQ(page.status, 200);
+        EXPECT_EQ(page.body, "<p>&lt;b&gt;&amp;</p>");
+        Reply bad = get("/bad.csp");
+        EXPECT_EQ(bad.status, 500);
+        EXPECT_EQ(bad.body.rfind("ServerPage error:", 0), 0u) << bad.body;
+
+        // A reader still holding the old file gets it whole after the file was replaced.
+        // The request that notices the change marks the old mapping; it goes with its
+        // last holder, and from then on the new file is served.
+        int slow = dial(home.port, 4096);
+        ASSERT_GE(slow, 0);
+        std::string head = request("/large.txt");
+        ASSERT_EQ(send(slow, head.data(), head.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(head.size()));
+        std::string start = readAll(slow, 4096);
+        std::string replaced(16 << 20, 'b');
+        home.write("webapps/ROOT/large.new", replaced);
+        struct utimbuf later = {time(nullptr) + 10, time(nullptr) + 10};
+        utime((home / "webapps/ROOT/large.new").c_str(), &later);
+        rename((home / "webapps/ROOT/large.new").c_str(),
+               (home / "webapps/ROOT/large.txt").c_str());
+        EXPECT_EQ(get("/large.txt").status, 200);
+        Reply old = parse(start + readAll(slow));
+        close(slow);
+        EXPECT_EQ(old.body.size(), large.size());
+        EXPECT_TRUE(old.body == large);
+        EXPECT_TRUE(get("/large.txt").body == replaced);
+        // Under the sanitizers a leak or fault in the server shows in its exit status.
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+TEST_P(EndToEnd, StopLetsRequestsInFlightFinish) {
+        Server server(home, GetParam());
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
+        std::future<Reply> inFlight =
+            std::async(std::launch::async, [&] { return get("/app/slow?ms=1500"); });
+        ASSERT_TRUE(eventually([&] { return exists(home / "webapps/app/slow.started"); }));
+        std::future<int> stopped = std::async(std::launch::async, [&] { return server.stop(); });
+        // New connections are refused at once, while the request is answered in full.
+        EXPECT_TRUE(eventually([&] {
+                int s = dial(home.port);
+                if (s >= 0)
+                        close(s);
+                return s < 0;
+        }));
+        Reply r = inFlight.get();
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(r.body, "slept 1500");
+        EXPECT_EQ(stopped.get(), 0);
+        EXPECT_TRUE(exists(home / "webapps/app/slow.destroyed"));
+        EXPECT_FALSE(exists(home / "logs/Vesk.pid"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Server, EndToEnd, testing::Values(false, true),
+                         [](const testing::TestParamInfo<bool>& info) {
+                                 return info.param ? "InProcess" : "Launcher";
+                         });
+
+}  // namespace
