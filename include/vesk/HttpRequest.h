@@ -41,6 +41,17 @@ typedef struct Principal_S* Principal_T;
 typedef struct Wrapper_S* Wrapper_T;
 typedef struct RequestDispatcher_S* RequestDispatcher_T;
 
+/* The method numbers of HttpRequest_method, in the order of their names. */
+enum HttpRequest_Method {
+        HttpRequest_GET = 0,
+        HttpRequest_POST,
+        HttpRequest_HEAD,
+        HttpRequest_PUT,
+        HttpRequest_DELETE,
+        HttpRequest_TRACE,
+        HttpRequest_OPTIONS
+};
+
 /* A new empty request in arena. */
 VESK_API HttpRequest_T HttpRequest_new(Arena_T arena);
 
@@ -74,7 +85,7 @@ VESK_API int HttpRequest_getAcceptEncoding(HttpRequest_T H);
 VESK_API int HttpRequest_getContentEncoding(HttpRequest_T H);
 /* The connector, or NULL. */
 VESK_API HttpConnector_T HttpRequest_getConnector(HttpRequest_T H);
-/* The method number. */
+/* The method number, one of HttpRequest_Method. */
 VESK_API int HttpRequest_method(HttpRequest_T H);
 /* The request's arena. */
 VESK_API Arena_T HttpRequest_getArena(HttpRequest_T H);
@@ -113,7 +124,7 @@ VESK_API void HttpRequest_setInetAddress(HttpRequest_T H, InetAddress_T inet);
 VESK_API void HttpRequest_setUserPrincipal(HttpRequest_T H, Principal_T principal);
 /* The declared body length, -1 for none. */
 VESK_API void HttpRequest_setContentLength(HttpRequest_T H, int length);
-/* The method number. */
+/* Sets the method number, one of HttpRequest_Method. */
 VESK_API void HttpRequest_setMethod(HttpRequest_T H, int method);
 /* Whether the connection is TLS. */
 VESK_API void HttpRequest_setSecure(HttpRequest_T H, int secure);
