@@ -16,6 +16,7 @@
 #include <vesk/Str.h>
 
 #include "support/Support.hpp"
+#include "support/Threads.hpp"
 
 #include <vesk/assert.h>
 
@@ -23,34 +24,10 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Long enough for a thread that is not blocked to get past the call under test.
-constexpr auto kSettle = 30ms;
-
 struct CacheFixture : ::testing::Test {
         Cache_T C = Cache_new(16, Str_cmp, Str_hash);
         int one = 1, two = 2, three = 3;
         ~CacheFixture() override { Cache_free(&C); }
-};
-
-// Runs f on a thread and tells whether it has finished.
-class Background {
-public:
-        template <typename F>
-        explicit Background(F f)
-            : thread_([this, f] {
-                      f();
-                      done_ = true;
-              }) {}
-        ~Background() { join(); }
-        bool done() const { return done_; }
-        void join() {
-                if (thread_.joinable())
-                        thread_.join();
-        }
-
-private:
-        std::atomic<bool> done_{false};
-        std::thread thread_;
 };
 
 }  // namespace
@@ -91,12 +68,10 @@ TEST_F(CacheFixture, CheckOutHoldsOnlyItsOwnEntry) {
                 seen = *again;
                 Cache_return(C, again);
         });
-        std::this_thread::sleep_for(kSettle);
-        EXPECT_FALSE(other.done());
+        EXPECT_TRUE(other.blocks());
         // A put over the held entry waits too, and the holder's value does not change.
         Background putter([&] { EXPECT_EQ(Cache_put(C, "a", &three), &one); });
-        std::this_thread::sleep_for(kSettle);
-        EXPECT_FALSE(putter.done());
+        EXPECT_TRUE(putter.blocks());
         EXPECT_EQ(*a, &one);
         Cache_return(C, a);
         other.join();
@@ -112,8 +87,7 @@ TEST_F(CacheFixture, RemoveWaitsForTheHolder) {
         void** a = Cache_get(C, "a");
         std::atomic<void*> removed{nullptr};
         Background remover([&] { removed = Cache_remove(C, "a"); });
-        std::this_thread::sleep_for(kSettle);
-        EXPECT_FALSE(remover.done());
+        EXPECT_TRUE(remover.blocks());
         // Out of the table already: no new check-out can begin.
         EXPECT_EQ(Cache_get(C, "a"), nullptr);
         Cache_return(C, a);
@@ -138,21 +112,20 @@ TEST_F(CacheFixture, MapWaitsForCheckOutsAndHoldsNewOnes) {
                     [](const void*, void* value, void* ap) {
                             Cl* c = static_cast<Cl*>(ap);
                             *c->in = true;
-                            while (!*c->leave)
-                                    std::this_thread::sleep_for(1ms);
+                            c->in->notify_all();
+                            c->leave->wait(false);
                             *c->sum += *static_cast<int*>(value);
                     },
                     &cl);
         });
-        std::this_thread::sleep_for(kSettle);
+        EXPECT_TRUE(mapper.blocks());
         EXPECT_FALSE(inApply);
         Cache_return(C, a);
-        while (!inApply)
-                std::this_thread::sleep_for(1ms);
+        inApply.wait(false);
         Background getter([&] { Cache_return(C, Cache_get(C, "b")); });
-        std::this_thread::sleep_for(kSettle);
-        EXPECT_FALSE(getter.done());
+        EXPECT_TRUE(getter.blocks());
         leaveApply = true;
+        leaveApply.notify_all();
         mapper.join();
         getter.join();
         EXPECT_EQ(sum, 3);
@@ -247,19 +220,20 @@ TEST(CacheQueue, ChecksItsArguments) {
 
 TEST(CacheQueue, BatchesByLength) {
         seen.reset();
+        // Only the queue's own thread hands items over, and below the length none is made.
+        int threads = threadCount();
         CacheQueue_T Q = CacheQueue_new(0, 3, engine);
         CacheQueue_add(Q, A);
         CacheQueue_add(Q, B);
-        std::this_thread::sleep_for(kSettle);
-        EXPECT_EQ(seen.items(), 0u);
+        EXPECT_EQ(threadCount(), threads);
         EXPECT_EQ(CacheQueue_size(Q), 2);
         CacheQueue_add(Q, Cc);
         ASSERT_TRUE(seen.waitFor(3, 2s));
         EXPECT_EQ(seen.all(), (std::vector<std::string>{"a", "b", "c"}));
         // Below the threshold again, once the thread is gone: only a flush hands it over.
-        std::this_thread::sleep_for(kSettle);
+        ASSERT_TRUE(threadCountBecomes(threads));
         CacheQueue_add(Q, D);
-        std::this_thread::sleep_for(kSettle);
+        EXPECT_EQ(threadCount(), threads);
         EXPECT_EQ(seen.items(), 3u);
         CacheQueue_flush(Q);
         ASSERT_TRUE(seen.waitFor(4, 2s));

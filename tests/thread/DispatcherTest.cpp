@@ -18,6 +18,7 @@
 
 #include "thread/Lock.hpp"
 #include "support/Support.hpp"
+#include "support/Threads.hpp"
 
 using namespace std::chrono_literals;
 
@@ -104,12 +105,13 @@ TEST(Dispatcher, GrowsToItsMaximumAndNoFurther) {
         Probe probe;
         probe.open = false;
         auto work = items(probe, 10);
+        int threads = threadCount();
         Dispatcher_T D = Dispatcher_new(3, 30, engine);
         for (auto& item : work)
                 EXPECT_TRUE(Dispatcher_add(D, &item));
+        // Threads are made by the adds, and the three held at the gate cannot end.
         EXPECT_TRUE(probe.await([&] { return probe.running == 3; }));
-        // A fourth thread, were there one, would now join the three at the gate.
-        std::this_thread::sleep_for(50ms);
+        EXPECT_EQ(threadCount(), threads + 3);
         probe.release();
         EXPECT_TRUE(probe.await([&] { return probe.served == 10; }));
         EXPECT_EQ(probe.maxRunning, 3);
