@@ -133,12 +133,13 @@ Build_T Build_parse(const char* containerHome, const char* server_xml) {
                 }
                 // The home given, not the control file's directory, holds the default descriptor.
                 char webXml[kPath + 1];
-                snprintf(webXml, sizeof webXml, "%s%s%s%s%s", containerHome, SEPARATOR, "conf", SEPARATOR,
-                         "web.xml");
+                snprintf(webXml, sizeof webXml, "%s%s%s%s%s", containerHome, SEPARATOR, "conf",
+                         SEPARATOR, "web.xml");
                 if (File_existFile(webXml))
                         Config_parseDeploy(webXml);
                 else
-                        Error_debug("Warning: default Deployment Descriptor not found in '%s'\n", webXml);
+                        Error_debug("Warning: default Deployment Descriptor not found in '%s'\n",
+                                    webXml);
         ELSE
                 discard(&B);
                 RETHROW;

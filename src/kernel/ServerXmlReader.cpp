@@ -104,7 +104,8 @@ long long checkNumberAttribute(const char* element, const char* attribute, const
         TRY
                 n = Str_parseLLong(value);
         CATCH(NumberFormatException)
-                THROW(AssertException, "The value '%s' given in <%s> attribute '%s' is not a number",
+                THROW(AssertException,
+                      "The value '%s' given in <%s> attribute '%s' is not a number",
                       value ? value : "", element, attribute);
         END_TRY;
         return n;
@@ -270,7 +271,8 @@ void startRealm(const char** attributes, ParseState* a) {
         TRY
                 const char* protocol = URL_getProtocol(U);
                 if (!Connection_isSupported(url))
-                        THROW(AssertException, "Database protocol '%s' not supported in <Realm>", protocol);
+                        THROW(AssertException, "Database protocol '%s' not supported in <Realm>",
+                              protocol);
                 int min = poolSize(attributes, "minConnections", 5);
                 int max = poolSize(attributes, "maxConnections", 20);
                 if (min > max)
@@ -288,11 +290,13 @@ void startRealm(const char** attributes, ParseState* a) {
                         reap = static_cast<int>(n);
                 }
                 const char* path = URL_getPath(U);
-                if (Str_isEqual(protocol, "sqlite") && !(File_isPathAbsolute(path) && File_isFile(path))) {
+                if (Str_isEqual(protocol, "sqlite") &&
+                    !(File_isPathAbsolute(path) && File_isFile(path))) {
                         char database[kPath + 1];
                         snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
                         if (!File_isFile(database))
-                                THROW(AssertException, "Realm database '%s' does not exist", database);
+                                THROW(AssertException, "Realm database '%s' does not exist",
+                                      database);
                         URL_setPath(U, database);
                 }
                 URL_T pool = U;
@@ -546,7 +550,8 @@ constexpr Closing kClosings[] = {
 
 // The element each state stands inside, as messages name it; nullptr where an element
 // there is simply invalid.
-constexpr const char* kInside[] = {nullptr, nullptr, "Server", nullptr, "Service", "Engine", "Host"};
+constexpr const char* kInside[] = {nullptr,   nullptr,  "Server", nullptr,
+                                   "Service", "Engine", "Host"};
 
 void startElement(const char* name, const char** attributes, const char*, void* ctx) {
         auto a = static_cast<ParseState*>(ctx);
@@ -636,8 +641,8 @@ std::string vesk::ServerXmlReader_read(const char* containerHome, const char* se
                 if (parser)
                         XMLParser_free(&parser);
                 releasePending(&a);
-                THROW(AssertException, "%s -- in '%s' near line %d", Exception_frame.message, server_xml,
-                      line);
+                THROW(AssertException, "%s -- in '%s' near line %d", Exception_frame.message,
+                      server_xml, line);
         END_TRY;
         XMLParser_free(&parser);
         return a.defaultHost;
