@@ -270,7 +270,8 @@ void realmName(Parse* p, const char* element, const char* text) {
 void startFormLoginConfig(Parse* p, const char*, const char*) {
         const char* method = LoginConfig_getAuthMethod(p->loginConfig);
         if (!method || !is(method, "FORM"))
-                THROW(AssertException, "form-login-config is invalid for authentication method '%s'",
+                THROW(AssertException,
+                      "form-login-config is invalid for authentication method '%s'",
                       method ? method : "null");
 }
 
@@ -483,9 +484,9 @@ void vesk::WebXmlReader_read(const WebApp& app) {
                 Arena_dispose(&p.arena);
                 if (p.parser)
                         XMLParser_free(&p.parser);
-                Exception_throw(Exception_frame.exception, Exception_frame.func, Exception_frame.file,
-                                Exception_frame.line, "%s in '%s' at line %d", Exception_frame.message,
-                                file, line);
+                Exception_throw(Exception_frame.exception, Exception_frame.func,
+                                Exception_frame.file, Exception_frame.line, "%s in '%s' at line %d",
+                                Exception_frame.message, file, line);
         END_TRY;
         Arena_dispose(&p.arena);
         XMLParser_free(&p.parser);
