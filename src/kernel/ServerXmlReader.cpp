@@ -25,6 +25,7 @@
 
 #include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
+#include "kernel/Transitions.hpp"
 
 namespace {
 
@@ -502,12 +503,7 @@ void endHost(ParseState* a) {
 /* ------------------------------------------------------------------- The machine */
 
 // The elements each state admits, what opening one does, and the state it leads to.
-struct Opening {
-        State state;
-        const char* element;
-        void (*start)(const char** attributes, ParseState* a);
-        State next;
-};
+using Opening = vesk::Transition<State, void (*)(const char** attributes, ParseState* a)>;
 
 constexpr Opening kOpenings[] = {
     {kBeforeRoot, "Server", nullptr, kServer},
@@ -525,12 +521,7 @@ constexpr Opening kOpenings[] = {
 
 // The end tags each state accepts, what closing does, and the state it leads to. The
 // parser does not match end tags with start tags: any other end tag is a fault here.
-struct Closing {
-        State state;
-        const char* element;
-        void (*end)(ParseState* a);
-        State next;
-};
+using Closing = vesk::Transition<State, void (*)(ParseState* a)>;
 
 constexpr Closing kClosings[] = {
     {kServer, "Server", endServer, kAfterRoot},
@@ -555,14 +546,8 @@ constexpr const char* kInside[] = {nullptr,   nullptr,  "Server", nullptr,
 
 void startElement(const char* name, const char** attributes, const char*, void* ctx) {
         auto a = static_cast<ParseState*>(ctx);
-        for (const Opening& o : kOpenings) {
-                if (o.state == a->state && Str_isEqual(name, o.element)) {
-                        if (o.start)
-                                o.start(attributes, a);
-                        a->state = o.next;
-                        return;
-                }
-        }
+        if (vesk::Transition_take(kOpenings, a->state, name, attributes, a))
+                return;
         if (a->state == kBeforeRoot)
                 THROW(AssertException, "XML parse error -- invalid element <%s>", name);
         if (kInside[a->state])
@@ -573,14 +558,8 @@ void startElement(const char* name, const char** attributes, const char*, void* 
 
 void endElement(const char* name, void* ctx) {
         auto a = static_cast<ParseState*>(ctx);
-        for (const Closing& c : kClosings) {
-                if (c.state == a->state && Str_isEqual(name, c.element)) {
-                        if (c.end)
-                                c.end(a);
-                        a->state = c.next;
-                        return;
-                }
-        }
+        if (vesk::Transition_take(kClosings, a->state, name, a))
+                return;
         THROW(AssertException, "XML parse error -- invalid element </%s>", name);
 }
 

@@ -20,6 +20,7 @@
 #include <vesk/assert.h>
 
 #include "authenticate/StandIns.hpp"
+#include "kernel/Transitions.hpp"
 #include "kernel/WebXmlReader.hpp"
 
 namespace {
@@ -48,8 +49,8 @@ enum State {
         kFormLoginConfig
 };
 
-// The element each state stands inside, as messages about what opens there name it. The
-// patterns of <csrf-protect> belong to its collection, so they name the collection.
+// The element each state stands inside, as messages name it. An element opened inside
+// <csrf-protect> is reported as inside its collection, whose patterns that element marks.
 constexpr const char* kInside[] = {nullptr,
                                    nullptr,
                                    "web-app",
@@ -318,12 +319,7 @@ void endLoginConfig(Parse* p) {
 // The elements each state admits, what opening one does with its text, and the state it
 // leads to. An element that leads to no state of its own is a leaf: its end tag leaves the
 // state as it is.
-struct Opening {
-        State state;
-        const char* element;
-        void (*start)(Parse* p, const char* element, const char* text);
-        State next;
-};
+using Opening = vesk::Transition<State, void (*)(Parse* p, const char* element, const char* text)>;
 
 constexpr Opening kOpenings[] = {
     {kStart, "web-app", nullptr, kWebApp},
@@ -370,12 +366,7 @@ constexpr Opening kOpenings[] = {
 };
 
 // The end tag that closes each state, what closing does, and the state it returns to.
-struct Closing {
-        State state;
-        const char* element;
-        void (*end)(Parse* p);
-        State next;
-};
+using Closing = vesk::Transition<State, void (*)(Parse* p)>;
 
 constexpr Closing kClosings[] = {
     {kWebApp, "web-app", nullptr, kEnd},
@@ -398,14 +389,8 @@ constexpr Closing kClosings[] = {
 
 void startElement(const char* element, const char**, const char* text, void* ctx) {
         Parse* p = static_cast<Parse*>(ctx);
-        for (const Opening& o : kOpenings) {
-                if (o.state == p->state && is(element, o.element)) {
-                        if (o.start)
-                                o.start(p, element, text);
-                        p->state = o.next;
-                        return;
-                }
-        }
+        if (vesk::Transition_take(kOpenings, p->state, element, p, element, text))
+                return;
         if (p->state == kStart)
                 THROW(AssertException, "XML parse error -- invalid element <%s>", element);
         if (p->state == kEnd)
@@ -418,23 +403,15 @@ void endElement(const char* element, void* ctx) {
         Parse* p = static_cast<Parse*>(ctx);
         if (p->state == kStart || p->state == kEnd)
                 THROW(AssertException, "XML parse error -- invalid element %s;", element);
-        for (const Opening& o : kOpenings)
-                if (o.state == p->state && o.next == p->state && is(element, o.element))
-                        return;
-        for (const Closing& c : kClosings) {
-                if (c.state != p->state)
-                        continue;
-                if (is(element, c.element)) {
-                        if (c.end)
-                                c.end(p);
-                        p->state = c.next;
-                        return;
-                }
-                if (p->state == kWebApp)
-                        THROW(AssertException, "XML parse error -- invalid element </%s>", element);
-                THROW(AssertException, "XML parse error -- element <%s> not allowed inside <%s>",
-                      element, c.element);
-        }
+        const Opening* leaf = vesk::Transition_find(kOpenings, p->state, element);
+        if (leaf && leaf->next == p->state)
+                return;
+        if (vesk::Transition_take(kClosings, p->state, element, p))
+                return;
+        if (p->state == kWebApp)
+                THROW(AssertException, "XML parse error -- invalid element </%s>", element);
+        THROW(AssertException, "XML parse error -- element <%s> not allowed inside <%s>", element,
+              p->state == kCSRFProtect ? "csrf-protect" : kInside[p->state]);
 }
 
 void startDocument(void* a) {
