@@ -4,7 +4,7 @@
 #include <vesk/Str.h>
 #include <vesk/assert.h>
 
-#include "kernel/KernelSeams.hpp"
+#include "authenticate/StandIns.hpp"
 
 struct SecurityConstraint_S {
         int allRoles;
@@ -68,7 +68,7 @@ int SecurityConstraint_findAuthRoles(SecurityConstraint_T S, Principal_T princip
         if (S->allRoles)
                 return true;
         for (list_t p = S->authRoles->head; p; p = p->next)
-                if (kernelseam::principalHasRole(principal, static_cast<const char*>(p->e)))
+                if (Principal_hasRole(principal, static_cast<const char*>(p->e)))
                         return true;
         return false;
 }

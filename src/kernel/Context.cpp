@@ -6,18 +6,20 @@
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
+#include <vesk/DefaultServlet.h>
 #include <vesk/Error.h>
 #include <vesk/File.h>
 #include <vesk/Host.h>
 #include <vesk/Loader.h>
 #include <vesk/Mem.h>
+#include <vesk/ServerPageServlet.h>
 #include <vesk/ServletContext.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "kernel/KernelSeams.hpp"
+#include "authenticate/StandIns.hpp"
 
 struct Context_S {
         Table_T servletMapping;
@@ -184,8 +186,8 @@ Context_T Context_new(void) {
         C->servletMapping = Table_alloc(C->arena, 5, Str_cmp, Str_hash);
         C->contextPath = STR_DUP_ARENA(C->arena, "");
         C->errorPages = Table_alloc(C->arena, 2, Str_cmp, Str_hash);
-        kernelseam::createDefaultServlet(Context_createServlet(C, "DefaultServlet", "/"));
-        kernelseam::createServerPageServlet(Context_createServlet(C, "ServerPageServlet", "*.csp"));
+        CreateDefaultServlet(Context_createServlet(C, "DefaultServlet", "/"));
+        CreateServerPageServlet(Context_createServlet(C, "ServerPageServlet", "*.csp"));
         return C;
 }
 
@@ -193,7 +195,7 @@ void Context_free(Context_T* C) {
         assert(C && *C);
         Loader_free(&(*C)->loader);
         if ((*C)->sessionManager)
-                kernelseam::sessionManagerFree(&(*C)->sessionManager);
+                SessionManager_free(&(*C)->sessionManager);
         ServletContext_free(&(*C)->servletContext);
         Arena_dispose(&(*C)->arena);
         FREE(*C);
@@ -207,17 +209,16 @@ void Context_start(Context_T C) {
         ServletContext_parseConf(C->servletContext);
         if (C->sessionManager) {
                 if (C->sessionTimeout > 0)
-                        kernelseam::sessionManagerSetMaxInactiveInterval(C->sessionManager,
-                                                                         C->sessionTimeout);
-                kernelseam::sessionManagerSaveSessions(C->sessionManager, C->saveSessions);
-                kernelseam::sessionManagerStart(C->sessionManager);
+                        SessionManager_setMaxInactiveInterval(C->sessionManager, C->sessionTimeout);
+                SessionManager_saveSessions(C->sessionManager, C->saveSessions);
+                SessionManager_start(C->sessionManager);
         }
 }
 
 void Context_stop(Context_T C) {
         assert(C);
         if (C->sessionManager)
-                kernelseam::sessionManagerStop(C->sessionManager);
+                SessionManager_stop(C->sessionManager);
         Loader_stop(C->loader);
         Error_debug("Context '%s' for Host '%s' stopped\n", C->contextPath ? C->contextPath : "",
                     C->host ? Host_getName(C->host) : "?");
@@ -228,7 +229,7 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
         assert(req);
         assert(res);
         Wrapper_T wrapper = Context_map(C, req, res);
-        int answered = kernelseam::authenticatorInvoke(req, res);
+        int answered = Authenticator_invoke(req, res);
         if (answered)
                 return answered;
         if (!wrapper) {
@@ -237,19 +238,19 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
         }
         HttpRequest_setServletConfig(req, Wrapper_getServletConfig(wrapper));
         switch (HttpRequest_method(req)) {
-        case 0:
+        case HttpRequest_GET:
                 return Wrapper_doGet(wrapper, req, res);
-        case 1:
+        case HttpRequest_POST:
                 return Wrapper_doPost(wrapper, req, res);
-        case 2:
+        case HttpRequest_HEAD:
                 return Wrapper_doHead(wrapper, req, res);
-        case 3:
+        case HttpRequest_PUT:
                 return Wrapper_doPut(wrapper, req, res);
-        case 4:
+        case HttpRequest_DELETE:
                 return Wrapper_doDelete(wrapper, req, res);
-        case 5:
+        case HttpRequest_TRACE:
                 return Wrapper_doTrace(wrapper, req, res);
-        case 6:
+        case HttpRequest_OPTIONS:
                 return Wrapper_doOptions(wrapper, req, res);
         default:
                 return 0;
@@ -265,8 +266,8 @@ Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res) {
             !HttpResponse_isProcessingForward(res)) {
                 // Only the outermost pass through a Context counts as an access.
                 HttpSession_T session = HttpRequest_getSession(req, 0);
-                if (session && kernelseam::sessionIsValid(session))
-                        kernelseam::sessionAccess(session);
+                if (session && HttpSession_isValid(session))
+                        HttpSession_access(session);
         }
         return mapURI(C, req);
 }
@@ -366,7 +367,7 @@ const char* Context_getErrorPage(Context_T C, int code) {
 void Context_activateSessionManager(Context_T C) {
         assert(C);
         if (!C->sessionManager)
-                C->sessionManager = kernelseam::sessionManagerNew(C->arena, C);
+                C->sessionManager = SessionManager_new(C->arena, C);
 }
 
 SessionManager_T Context_getSessionManager(Context_T C) {
@@ -396,13 +397,12 @@ int Context_getSaveSessions(Context_T C) {
 
 int Context_getActiveSessions(Context_T C) {
         assert(C);
-        return C->sessionManager ? kernelseam::sessionManagerActiveSessions(C->sessionManager) : 0;
+        return C->sessionManager ? SessionManager_getActiveSessions(C->sessionManager) : 0;
 }
 
 int Context_getMaxActiveSessions(Context_T C) {
         assert(C);
-        return C->sessionManager ? kernelseam::sessionManagerMaxActiveSessions(C->sessionManager)
-                                 : 0;
+        return C->sessionManager ? SessionManager_getMaxActiveSessions(C->sessionManager) : 0;
 }
 
 void Context_log(Context_T C, const char* m, ...) {

@@ -1,10 +1,9 @@
 #include <vesk/Error.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/Mem.h>
 #include <vesk/Service.h>
 #include <vesk/Str.h>
 #include <vesk/assert.h>
-
-#include "kernel/KernelSeams.hpp"
 
 struct Service_S {
         char* name;
@@ -23,7 +22,7 @@ void Service_free(Service_T* S) {
         assert(S && *S);
         for (list_t p = (*S)->connectors->head; p; p = p->next) {
                 HttpConnector_T connector = static_cast<HttpConnector_T>(p->e);
-                kernelseam::connectorFree(&connector);
+                HttpConnector_free(&connector);
         }
         FREE((*S)->name);
         List_free(&(*S)->connectors);
@@ -54,7 +53,7 @@ Engine_T Service_getEngine(Service_T S) {
 void Service_addConnector(Service_T S, HttpConnector_T connector) {
         assert(S);
         assert(connector);
-        kernelseam::connectorSetEngine(connector, S->engine);
+        HttpConnector_setEngine(connector, S->engine);
         List_push(S->connectors, connector);
 }
 
@@ -67,12 +66,12 @@ void Service_start(Service_T S) {
         assert(S);
         Error_debug("Service started\n");
         for (list_t p = S->connectors->head; p; p = p->next)
-                kernelseam::connectorStart(static_cast<HttpConnector_T>(p->e));
+                HttpConnector_start(static_cast<HttpConnector_T>(p->e));
 }
 
 void Service_stop(Service_T S) {
         assert(S);
         for (list_t p = S->connectors->head; p; p = p->next)
-                kernelseam::connectorStop(static_cast<HttpConnector_T>(p->e));
+                HttpConnector_stop(static_cast<HttpConnector_T>(p->e));
         Error_debug("Service stopped\n");
 }

@@ -5,6 +5,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <vesk/Config.h>
 #include <vesk/Context.h>
 #include <vesk/DefaultServlet.h>
 #include <vesk/Error.h>
@@ -17,9 +18,6 @@
 #include <vesk/Str.h>
 #include <vesk/System.h>
 #include <vesk/Time.h>
-
-#include "kernel/KernelSeams.hpp"
-
 #include <vesk/assert.h>
 
 namespace {
@@ -85,7 +83,7 @@ bool linkOnTheWay(char* path, size_t base) {
 bool compressible(const char* mimeType, off_t size) {
         if (size <= 1024 || size >= 131072000)
                 return false;
-        const char* registered = mimeType ? kernelseam::configMimeType(mimeType) : nullptr;
+        const char* registered = mimeType ? Config_getMimeType(mimeType) : nullptr;
         return !(registered && Str_startsWith(registered, "application/"));
 }
 
