@@ -92,8 +92,6 @@ constexpr int kKeepAliveRequests = 100;
 // Each read that brings no complete head costs the connection this much of its budget.
 constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
-// The method number of HEAD, whose answer has no body.
-constexpr int kMethodHead = 2;
 
 constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr int kContinueSize = sizeof kContinue - 1;
@@ -222,7 +220,7 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         OutputStream_setResponse(out, nullptr);
         OutputStream_setDiscard(out, 0);
         HttpRequest_T request = InetAddress_getRequest(inet);
-        bool head = request && HttpRequest_method(request) == kMethodHead;
+        bool head = request && HttpRequest_method(request) == HttpRequest_HEAD;
         char date[30];
         Time_gmtstring(Time_now(), date);
         char* message = nullptr;

@@ -113,9 +113,6 @@ inline bool isControl(char c) {
 }
 
 constexpr const char* kMethods[] = {"GET", "POST", "HEAD", "PUT", "DELETE", "TRACE", "OPTIONS"};
-constexpr int kOPTIONS = 6;
-constexpr int kPOST = 1;
-constexpr int kPUT = 3;
 constexpr long kPathMax = 4095;
 
 // True if the len bytes of word stand at p, before limit, in any case.
@@ -262,7 +259,7 @@ private:
                         return cut();
                 size_t n = static_cast<size_t>(p - L->token);
                 L->method = -1;
-                for (int i = 0; i <= kOPTIONS; i++)
+                for (int i = HttpRequest_GET; i <= HttpRequest_OPTIONS; i++)
                         if (strlen(kMethods[i]) == n && strncasecmp(L->token, kMethods[i], n) == 0)
                                 L->method = i;
                 if (L->method < 0 || *p != ' ')
@@ -277,7 +274,7 @@ private:
                 if (p >= limit)
                         return cut();
                 if (first && *p == '*') {
-                        if (L->method != kOPTIONS)
+                        if (L->method != HttpRequest_OPTIONS)
                                 return fail(400, "Invalid path");
                         p++;
                         HttpRequest_setRequestURI(request, "*");
@@ -877,12 +874,12 @@ private:
                 if (L->hasContentLength && L->contentLength > KernelSeam_contentLengthLimit(
                                                                   InetAddress_getConnector(inet)))
                         return fail(413, "");
-                if (L->method == kPOST || L->method == kPUT) {
+                if (L->method == HttpRequest_POST || L->method == HttpRequest_PUT) {
                         if (!L->hasContentLength)
                                 return fail(400, "Content-Length required");
                         if (L->contentLength > 0)
                                 L->hasBody = 1;
-                        if (L->method == kPUT &&
+                        if (L->method == HttpRequest_PUT &&
                             HttpRequest_containsHeader(request, "Content-Range"))
                                 return fail(400, "Content-Range not allowed in PUT request");
                         if (HttpRequest_containsHeaderValue(request, "transfer-encoding",

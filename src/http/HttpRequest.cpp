@@ -384,7 +384,9 @@ const char* HttpRequest_getRemoteAddr(HttpRequest_T H) {
 
 const char* HttpRequest_getMethod(HttpRequest_T H) {
         assert(H);
-        return H->method >= 0 && H->method <= 6 ? kMethods[H->method] : "?";
+        return H->method >= HttpRequest_GET && H->method <= HttpRequest_OPTIONS
+                   ? kMethods[H->method]
+                   : "?";
 }
 
 const char* HttpRequest_getScheme(HttpRequest_T H) {

@@ -43,8 +43,6 @@ namespace {
 // The idle time of a kept connection in seconds; the connector waits the same.
 constexpr long kKeepAliveTimeout = 15;
 constexpr int kBufferSize = 8192;
-// The method number of HEAD.
-constexpr int kHead = 2;
 
 struct Reason {
         int code;
@@ -99,7 +97,7 @@ bool locked(HttpResponse_T H) {
 }
 
 bool answersHead(HttpResponse_T H) {
-        return H->request && HttpRequest_method(H->request) == kHead;
+        return H->request && HttpRequest_method(H->request) == HttpRequest_HEAD;
 }
 
 // A HEAD is answered with the head alone: the stream measures the body and drops it.

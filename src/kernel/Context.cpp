@@ -237,19 +237,19 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
         }
         HttpRequest_setServletConfig(req, Wrapper_getServletConfig(wrapper));
         switch (HttpRequest_method(req)) {
-        case 0:
+        case HttpRequest_GET:
                 return Wrapper_doGet(wrapper, req, res);
-        case 1:
+        case HttpRequest_POST:
                 return Wrapper_doPost(wrapper, req, res);
-        case 2:
+        case HttpRequest_HEAD:
                 return Wrapper_doHead(wrapper, req, res);
-        case 3:
+        case HttpRequest_PUT:
                 return Wrapper_doPut(wrapper, req, res);
-        case 4:
+        case HttpRequest_DELETE:
                 return Wrapper_doDelete(wrapper, req, res);
-        case 5:
+        case HttpRequest_TRACE:
                 return Wrapper_doTrace(wrapper, req, res);
-        case 6:
+        case HttpRequest_OPTIONS:
                 return Wrapper_doOptions(wrapper, req, res);
         default:
                 return 0;

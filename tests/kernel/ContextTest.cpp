@@ -171,7 +171,7 @@ TEST(RequestDispatcher, ForwardReplacesTheBodyIncludeKeepsIt) {
                 Context_invoke(app.C, x.req(), x.res());
                 HttpRequest_T inner = HttpRequest_new(HttpRequest_getArena(x.req()));
                 HttpRequest_setRequestURI(inner, "/ctx/x.csp");
-                HttpRequest_setMethod(inner, 0);
+                HttpRequest_setMethod(inner, HttpRequest_GET);
                 HttpRequest_setResponse(inner, x.res());
                 HttpRequest_setContext(inner, app.C);
                 RequestDispatcher_T d = RequestDispatcher_new(x.req(), inner);
