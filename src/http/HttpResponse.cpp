@@ -8,6 +8,9 @@
 #include <vesk/Chain.h>
 #include <vesk/Container.h>
 #include <vesk/Cookie.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/Map.h>
@@ -40,8 +43,6 @@ struct HttpResponse_S {
 
 namespace {
 
-// The idle time of a kept connection in seconds; the connector waits the same.
-constexpr long kKeepAliveTimeout = 15;
 constexpr int kBufferSize = 8192;
 
 struct Reason {
@@ -222,6 +223,12 @@ void addSessionCookie(HttpResponse_T H) {
             Str_isEqual(KernelSeam_proxyScheme(H->connector), "https"))
                 Cookie_setSecure(cookie, 1);
         Map_put(H->headers, "Set-Cookie", Cookie_toString(cookie));
+}
+
+// The idle time named in the Keep-Alive header: what the connector waits.
+int keepAliveTimeout(HttpResponse_T H) {
+        return H->connector ? HttpConnector_getKeepAliveTimeout(H->connector)
+                            : HTTPCONNECTOR_KEEP_ALIVE_TIMEOUT;
 }
 
 }  // namespace
@@ -511,8 +518,8 @@ void HttpResponse_commit(HttpResponse_T H) {
         addSessionCookie(H);
         Map_map(H->headers, mapHeaders, c);
         if (H->keepAlive)
-                Chain_print(c, "Connection: keep-alive\r\nKeep-Alive: timeout=%ld, max=%d\r\n",
-                            kKeepAliveTimeout, H->keepAlive);
+                Chain_print(c, "Connection: keep-alive\r\nKeep-Alive: timeout=%d, max=%d\r\n",
+                            keepAliveTimeout(H), H->keepAlive);
         Chain_print(c, "\r\n");
         OutputStream_commit(H->outputStream, c);
 }

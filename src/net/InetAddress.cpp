@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 
 #include <vesk/Arena.h>
+#include <vesk/HttpConnector.h>
+#include <vesk/HttpResponse.h>
 #include <vesk/InetAddress.h>
 #include <vesk/InputStream.h>
 #include <vesk/Mem.h>
@@ -19,7 +21,6 @@ constexpr int kAddrSize = 128;
 constexpr int kNameSize = 256;
 constexpr int kAddressSize = 41;
 constexpr int kBlockingTimeout = 3000;
-constexpr int kKeepAlive = 100;
 
 }  // namespace
 
@@ -103,7 +104,7 @@ InetAddress_T InetAddress_new(int port, int socket, const struct sockaddr* addr,
         I->socket = socket;
         I->addrlen = addrlen;
         memcpy(I->addr.bytes, addr, static_cast<size_t>(addrlen));
-        I->keepAlive = kKeepAlive;
+        I->keepAlive = HTTPCONNECTOR_KEEP_ALIVE_REQUESTS;
         I->remotePort = -1;
         I->blocking = 1;
         I->isClient = isClient;
@@ -225,6 +226,12 @@ int InetAddress_setKeepAlive(InetAddress_T I, int value) {
         else if (I->keepAlive > 0)
                 I->keepAlive--;
         return I->keepAlive;
+}
+
+void InetAddress_setKeepAliveRequests(InetAddress_T I, int requests) {
+        assert(I);
+        assert(requests > 0);
+        I->keepAlive = requests;
 }
 
 int InetAddress_getKeepAlive(InetAddress_T I) {
