@@ -216,7 +216,7 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         OutputStream_T out = InetAddress_getOutputStream(inet);
         // The page carries its own head: flushing must not commit a response object, and
         // the stream of a HEAD, which drops bodies, must let the head through.
-        OutputStream_setResponse(out, nullptr);
+        OutputStream_setResponse(out, nullptr, nullptr);
         OutputStream_setDiscard(out, 0);
         HttpRequest_T request = InetAddress_getRequest(inet);
         bool head = request && HttpRequest_method(request) == HttpRequest_HEAD;

@@ -231,6 +231,23 @@ int keepAliveTimeout(HttpResponse_T H) {
                             : HTTPCONNECTOR_KEEP_ALIVE_TIMEOUT;
 }
 
+/* ------------------------------------------------------------ What the stream asks */
+
+void commitHead(void* response) {
+        HttpResponse_commit(static_cast<HttpResponse_T>(response));
+}
+
+int acceptsGzip(void* response) {
+        HttpRequest_T request = static_cast<HttpResponse_T>(response)->request;
+        return request && HttpRequest_getAcceptEncoding(request);
+}
+
+void setGzip(void* response) {
+        HttpResponse_setHeader(static_cast<HttpResponse_T>(response), "Content-Encoding", "gzip");
+}
+
+constexpr OutputStream_Response kStreamCalls = {commitHead, acceptsGzip, setGzip};
+
 }  // namespace
 
 HttpResponse_T HttpResponse_new(Arena_T arena) {
@@ -269,7 +286,7 @@ void HttpResponse_setOutputStream(HttpResponse_T H, OutputStream_T out) {
         assert(H);
         assert(out);
         H->outputStream = out;
-        OutputStream_setResponse(out, H);
+        OutputStream_setResponse(out, &kStreamCalls, H);
         OutputStream_setBufferSize(out, kBufferSize);
         bindHead(H);
 }

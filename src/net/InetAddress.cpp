@@ -12,7 +12,6 @@
 #include <vesk/OutputStream.h>
 #include <vesk/assert.h>
 
-#include "net/HttpSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
 namespace {
@@ -75,7 +74,7 @@ const char* orEmpty(char* buffer, int status) {
 void finish(InetAddress_T* I, bool hard) {
         InetAddress_T inet = *I;
         if (inet->response)
-                HttpSeam_free(&inet->response);
+                HttpResponse_free(&inet->response);
         if (inet->output)
                 OutputStream_end(inet->output);
         // TLS goes last: ending the output may still flush through it, and the streams
@@ -115,7 +114,7 @@ InetAddress_T InetAddress_new(int port, int socket, const struct sockaddr* addr,
 void InetAddress_release(InetAddress_T I) {
         assert(I);
         if (I->response)
-                HttpSeam_free(&I->response);
+                HttpResponse_free(&I->response);
         if (I->output)
                 OutputStream_end(I->output);
         Arena_free(I->arena);
@@ -130,7 +129,7 @@ void InetAddress_release(InetAddress_T I) {
 void InetAddress_halfClose(InetAddress_T I) {
         assert(I);
         if (I->response)
-                HttpSeam_free(&I->response);
+                HttpResponse_free(&I->response);
         if (I->output)
                 OutputStream_end(I->output);
         if (I->ssl)
