@@ -30,7 +30,6 @@
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "http/KernelSeam.hpp"
 #include "http/PartImpl.hpp"
 
 namespace {
@@ -136,6 +135,12 @@ char* trim(char* s, char* e) {
 int parameterCap(HttpConnector_T connector) {
         return connector ? HttpConnector_getMaxParameterCount(connector)
                          : HTTPCONNECTOR_MAX_PARAMETER_COUNT;
+}
+
+// The largest body a request on connector may declare.
+long contentLengthLimit(HttpConnector_T connector) {
+        return connector ? HttpConnector_getContentLengthLimit(connector)
+                         : HTTPCONNECTOR_CONTENT_LENGTH_LIMIT;
 }
 
 // True if request, holding pending parameters not yet added, can take no more under cap.
@@ -871,8 +876,7 @@ private:
                 InetAddress_T inet = L->inet;
                 // Any method may declare a body, and the connector reads every declared body
                 // (a GET's only to drop it), so the limit holds for all of them.
-                if (L->hasContentLength && L->contentLength > KernelSeam_contentLengthLimit(
-                                                                  InetAddress_getConnector(inet)))
+                if (L->hasContentLength && L->contentLength > contentLengthLimit(connector))
                         return fail(413, "");
                 if (L->method == HttpRequest_POST || L->method == HttpRequest_PUT) {
                         if (!L->hasContentLength)
