@@ -5,8 +5,9 @@
  * the Reactor runs. All network waiting happens on the Reactor thread; a request is
  * handed to one of the connector's processor threads only when its head and body are
  * complete, and comes back through the connector's response pipe to be flushed, logged
- * and either kept alive (at most 100 requests, 15 seconds idle) or closed. Failures
- * on a connection are answered on the wire, never raised.
+ * and either kept alive (for as many requests and idle seconds as the connector's
+ * keep-alive settings allow) or closed. Failures on a connection are answered on the
+ * wire, never raised.
  *
  * A declared body is always read, also on a method that takes none (and then dropped),
  * so that no byte of it is taken for a request; a body framed by Transfer-Encoding ends
@@ -30,12 +31,18 @@
 
 VESK_BEGIN_DECLS
 
-/* The most parameters a request may carry unless the connector says otherwise. */
+/* The limits a connector starts with, which a connection without a connector keeps: the
+   most parameters of a request, the largest body in bytes, the requests of one connection
+   and the seconds a kept-alive connection may idle. */
 #define HTTPCONNECTOR_MAX_PARAMETER_COUNT 10000
+#define HTTPCONNECTOR_CONTENT_LENGTH_LIMIT 51200000
+#define HTTPCONNECTOR_KEEP_ALIVE_REQUESTS 100
+#define HTTPCONNECTOR_KEEP_ALIVE_TIMEOUT 15
 
 /* A connector with the defaults: port 8080, IPv4, all interfaces, "http", 128 processor
    threads ending after 30 idle seconds, a 30 s read timeout, bodies up to 51200000 bytes
-   of which up to 32768 are kept in memory, at most 10000 parameters, lenient parsing. */
+   of which up to 32768 are kept in memory, at most 10000 parameters, lenient parsing, and
+   connections kept alive for 100 requests and 15 idle seconds. */
 VESK_API HttpConnector_T HttpConnector_new(void);
 /* Frees the listening socket and the processor pool if any, the texts and H; clears *H. */
 VESK_API void HttpConnector_free(HttpConnector_T* H);
@@ -95,6 +102,13 @@ VESK_API int HttpConnector_getStrict(HttpConnector_T H);
    together; a request with more gets 400 "Too many parameters". Negative means no limit. */
 VESK_API void HttpConnector_setMaxParameterCount(HttpConnector_T H, int count);
 VESK_API int HttpConnector_getMaxParameterCount(HttpConnector_T H);
+/* The requests one connection may serve before it is closed; checks "requests > 0". */
+VESK_API void HttpConnector_setKeepAliveRequests(HttpConnector_T H, int requests);
+VESK_API int HttpConnector_getKeepAliveRequests(HttpConnector_T H);
+/* Seconds a kept-alive connection may wait for its next request, and the end of an answer
+   may take to go out; the answer's Keep-Alive header names it. Checks "timeout > 0". */
+VESK_API void HttpConnector_setKeepAliveTimeout(HttpConnector_T H, int timeout);
+VESK_API int HttpConnector_getKeepAliveTimeout(HttpConnector_T H);
 /* The Engine that maps requests to applications; not owned. */
 VESK_API void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine);
 VESK_API Engine_T HttpConnector_getEngine(HttpConnector_T H);
@@ -102,6 +116,14 @@ VESK_API Engine_T HttpConnector_getEngine(HttpConnector_T H);
 /* Opens the port and registers it with the Reactor; raises IOException if the port or
    the response pipe cannot be made. Call before the Reactor runs or on its thread. */
 VESK_API void HttpConnector_start(HttpConnector_T H);
+/* The first step of a graceful stop: H closes its port and keeps no connection alive, while
+   the requests it has already read are answered. On the Reactor thread. */
+VESK_API void HttpConnector_quiesce(HttpConnector_T H);
+/* Connections open now; on the Reactor thread. */
+VESK_API int HttpConnector_getConnections(HttpConnector_T H);
+/* Requests handed to processor threads whose answer has not gone out in full; on the
+   Reactor thread. A graceful stop waits for this to reach 0. */
+VESK_API int HttpConnector_getBusy(HttpConnector_T H);
 /* Closes the port, waits for the processor threads to finish their queue and closes the
    response pipe; on the Reactor thread or after the Reactor has stopped. */
 VESK_API void HttpConnector_stop(HttpConnector_T H);

@@ -62,7 +62,10 @@ VESK_API SSL_T InetAddress_getSSL(InetAddress_T I);
 VESK_API int InetAddress_isSecure(InetAddress_T I);
 /* A value below 1 ends keep-alive; another uses up one request. The requests left. */
 VESK_API int InetAddress_setKeepAlive(InetAddress_T I, int value);
-/* Requests left on this connection; 100 before the first. */
+/* The requests this connection may serve from now on; checks "requests > 0". */
+VESK_API void InetAddress_setKeepAliveRequests(InetAddress_T I, int requests);
+/* Requests left on this connection; before the first, HTTPCONNECTOR_KEEP_ALIVE_REQUESTS
+   unless set. */
 VESK_API int InetAddress_getKeepAlive(InetAddress_T I);
 /* The descriptor. */
 VESK_API int InetAddress_getSocket(InetAddress_T I);

@@ -6,9 +6,10 @@
  * The buffer is flushed whenever it reaches the buffer size. A stream can frame its
  * body as chunked transfer encoding, compress it with gzip, and send a mapped file with
  * no copy. Writers never raise on the network: a failed flush closes the stream for
- * good, and later writes are dropped. With an HttpResponse attached, the first flush
- * commits it. A stream made with OutputStream_alloc lives in its arena and is never
- * freed alone. A NULL stream fails the check "S".
+ * good, and later writes are dropped. With a response attached, the first flush
+ * commits its head, and compression asks the response first. A stream made with
+ * OutputStream_alloc lives in its arena and is never freed alone. A NULL stream fails
+ * the check "S".
  */
 #ifndef VESK_OUTPUTSTREAM_INCLUDED
 #define VESK_OUTPUTSTREAM_INCLUDED
@@ -23,7 +24,6 @@ VESK_BEGIN_DECLS
 
 typedef struct OutputStream_S* OutputStream_T;
 typedef struct SSL_S* SSL_T;
-typedef struct HttpResponse_S* HttpResponse_T;
 typedef struct FileMap_S* FileMap_T;
 
 /* A new stream over socket, on the heap. */
@@ -48,8 +48,21 @@ VESK_API int OutputStream_isChunked(OutputStream_T S);
 VESK_API void OutputStream_setChunked(OutputStream_T S, int chunked);
 /* Writes through the TLS object ssl from now on (NULL: plain). */
 VESK_API void OutputStream_setSSL(OutputStream_T S, SSL_T ssl);
-/* The response that the first flush commits, or NULL. */
-VESK_API void OutputStream_setResponse(OutputStream_T S, HttpResponse_T response);
+/* What a stream asks of the response whose body it carries; each call gets the response
+   given with them to OutputStream_setResponse. */
+typedef struct OutputStream_Response {
+        /* Writes the head and puts it in front of the body with OutputStream_commit. */
+        void (*commit)(void* response);
+        /* True when the client takes a gzip body. */
+        int (*acceptsGzip)(void* response);
+        /* Says in the head that the body is gzip. */
+        void (*setGzip)(void* response);
+} OutputStream_Response;
+
+/* Attaches response with its calls, which must outlive the stream's use of them: the first
+   flush commits it. NULL calls detach it, and the stream sends what it is given. */
+VESK_API void OutputStream_setResponse(OutputStream_T S, const OutputStream_Response* calls,
+                                       void* response);
 /* Body bytes sent so far. */
 VESK_API long long OutputStream_getBytesWritten(OutputStream_T S);
 /* Bytes buffered and not yet sent. */
@@ -78,8 +91,9 @@ VESK_API void OutputStream_clear(OutputStream_T S);
 /* Sends what is buffered; the bytes written, 0 when the socket took nothing in time,
    or -1 when the stream is closed. */
 VESK_API int OutputStream_flush(OutputStream_T S);
-/* Compresses the body from now on at level 0 to 9; true when compressing. With a
-   response whose client takes no gzip, nothing changes and the result is false. */
+/* Compresses the body from now on at level 0 to 9; true when compressing. With a response
+   attached, only while its head is not out and its client takes gzip, which its head then
+   says; otherwise nothing changes and the result is false. */
 VESK_API int OutputStream_startCompress(OutputStream_T S, int level);
 /* Ends compression, if on. */
 VESK_API void OutputStream_stopCompress(OutputStream_T S);

@@ -36,6 +36,10 @@ VESK_API List_T Service_getConnectors(Service_T S);
 VESK_API void Service_start(Service_T S);
 /* Stops each connector in list order. */
 VESK_API void Service_stop(Service_T S);
+/* The first step of a graceful stop: HttpConnector_quiesce of each connector. */
+VESK_API void Service_quiesce(Service_T S);
+/* The requests of all connectors still being answered: the sum of HttpConnector_getBusy. */
+VESK_API int Service_getBusy(Service_T S);
 
 VESK_END_DECLS
 

@@ -1,14 +1,14 @@
+#include <pthread.h>
 #include <string.h>
 #include <strings.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Build.h>
 #include <vesk/Cookie.h>
 #include <vesk/Str.h>
 #include <vesk/StringBuffer.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
-
-#include "http/KernelSeam.hpp"
 
 struct Cookie_S {
         int secure;
@@ -54,7 +54,9 @@ char* copy(Cookie_T C, const char* s) {
 }  // namespace
 
 Cookie_T Cookie_new(const char* name, const char* value) {
-        return Cookie_alloc(KernelSeam_requestArena(), name, value);
+        // The arena of the request this thread serves; none outside a request.
+        auto arena = static_cast<Arena_T>(pthread_getspecific(Request_Arena));
+        return Cookie_alloc(arena, name, value);
 }
 
 Cookie_T Cookie_alloc(Arena_T arena, const char* name, const char* value) {

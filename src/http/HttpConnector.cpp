@@ -36,7 +36,6 @@
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "http/ConnectorSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
 namespace {
@@ -68,6 +67,8 @@ struct HttpConnector_S {
         int processorThreads;
         int processorTimeout;
         int connectionTimeout;  // milliseconds
+        int keepAliveTimeout;   // milliseconds
+        int keepAliveRequests;
         int contentLengthLimit;
         int contentLengthBufferLimit;
         int strict;
@@ -87,13 +88,9 @@ struct HttpConnector_S {
 
 namespace {
 
-// A connection may serve this many requests; until the first, its counter still says so.
-constexpr int kKeepAliveRequests = 100;
 // Each read that brings no complete head costs the connection this much of its budget.
 constexpr int kHeadReadCost = 1000;
 constexpr int kReadSize = 4096;
-// The method number of HEAD, whose answer has no body.
-constexpr int kMethodHead = 2;
 
 constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr int kContinueSize = sizeof kContinue - 1;
@@ -219,10 +216,10 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         OutputStream_T out = InetAddress_getOutputStream(inet);
         // The page carries its own head: flushing must not commit a response object, and
         // the stream of a HEAD, which drops bodies, must let the head through.
-        OutputStream_setResponse(out, nullptr);
+        OutputStream_setResponse(out, nullptr, nullptr);
         OutputStream_setDiscard(out, 0);
         HttpRequest_T request = InetAddress_getRequest(inet);
-        bool head = request && HttpRequest_method(request) == kMethodHead;
+        bool head = request && HttpRequest_method(request) == HttpRequest_HEAD;
         char date[30];
         Time_gmtstring(Time_now(), date);
         char* message = nullptr;
@@ -300,6 +297,7 @@ bool admit(HttpConnector_T H, InetAddress_T inet) {
                 return false;
         InetAddress_setEnableLookups(inet, H->enableLookups);
         InetAddress_setConnector(inet, H);
+        InetAddress_setKeepAliveRequests(inet, H->keepAliveRequests);
         H->connections++;
         InetAddress_setNonBlocking(inet);
         EventHandler_setData(handler, inet);
@@ -400,8 +398,9 @@ void _readRequest(EventHandler_T handler, int revents) {
         if (revents != Reactor_Read) {
                 if (revents == Reactor_Timeout) {
                         // Silence before any request is answered; silence after one is the
-                        // normal end of keep-alive.
-                        if (InetAddress_getKeepAlive(inet) == kKeepAliveRequests) {
+                        // normal end of keep-alive. Until the first, the connection's counter
+                        // still holds all of its requests.
+                        if (InetAddress_getKeepAlive(inet) == H->keepAliveRequests) {
                                 _sendError(inet, 408, nullptr);
                                 return;
                         }
@@ -715,7 +714,7 @@ void _processResponse(EventHandler_T handler, int revents) {
         }
         EventHandler_setData(writer, inet);
         EventHandler_setHandler(writer, s_endResponse);
-        EventHandler_setTimeout(writer, connectorseam::keepAliveTimeout);
+        EventHandler_setTimeout(writer, H->keepAliveTimeout);
         // The connection sat idle while its request was processed, so its socket almost
         // always takes the answer now: write at once, and wait for the socket only for
         // what it did not take.
@@ -807,7 +806,7 @@ void s_endResponse(EventHandler_T handler, int revents) {
         // Bytes the client sent behind this request are dropped here: no pipelining.
         InetAddress_release(inet);
         EventHandler_setData(handler, inet);
-        EventHandler_setTimeout(handler, connectorseam::keepAliveTimeout);
+        EventHandler_setTimeout(handler, H->keepAliveTimeout);
         EventHandler_setHandler(handler, _readRequest);
         if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                 Error_error("Could not register keep-alive connection from [%s] with Reactor\n",
@@ -875,27 +874,13 @@ char* copy(const char* s) {
         return s ? Str_dup(s) : nullptr;
 }
 
+// Timeouts are set in seconds and kept in milliseconds; one past what fits is as good as
+// none.
+int milliseconds(int seconds) {
+        return seconds > INT_MAX / 1000 ? INT_MAX / 1000 * 1000 : seconds * 1000;
+}
+
 }  // namespace
-
-int connectorseam::connections(HttpConnector_T H) {
-        assert(H);
-        return H->connections;
-}
-
-int connectorseam::busy(HttpConnector_T H) {
-        assert(H);
-        return H->busy;
-}
-
-void connectorseam::quiesce(HttpConnector_T H) {
-        assert(H);
-        if (H->acceptHandler)
-                Reactor_removeHandler(H->reactor, H->acceptHandler);
-        H->acceptHandler = nullptr;
-        if (H->serverSocket)
-                ServerSocket_close(H->serverSocket);
-        H->draining = 1;
-}
 
 /* --------------------------------------------------------------- Public */
 
@@ -908,9 +893,11 @@ HttpConnector_T HttpConnector_new(void) {
         H->processorThreads = 128;
         H->processorTimeout = 30;
         H->connectionTimeout = 30000;
-        H->contentLengthLimit = 51200000;
+        H->contentLengthLimit = HTTPCONNECTOR_CONTENT_LENGTH_LIMIT;
         H->contentLengthBufferLimit = 32768;
         H->maxParameterCount = HTTPCONNECTOR_MAX_PARAMETER_COUNT;
+        H->keepAliveRequests = HTTPCONNECTOR_KEEP_ALIVE_REQUESTS;
+        H->keepAliveTimeout = milliseconds(HTTPCONNECTOR_KEEP_ALIVE_TIMEOUT);
         H->reactor = Reactor_getInstance();
         H->responsePipe[0] = H->responsePipe[1] = -1;
         return H;
@@ -975,6 +962,26 @@ void HttpConnector_stop(HttpConnector_T H) {
         H->busy = 0;
         H->draining = 0;
         Error_debug("Connector stopped\n");
+}
+
+void HttpConnector_quiesce(HttpConnector_T H) {
+        assert(H);
+        if (H->acceptHandler)
+                Reactor_removeHandler(H->reactor, H->acceptHandler);
+        H->acceptHandler = nullptr;
+        if (H->serverSocket)
+                ServerSocket_close(H->serverSocket);
+        H->draining = 1;
+}
+
+int HttpConnector_getConnections(HttpConnector_T H) {
+        assert(H);
+        return H->connections;
+}
+
+int HttpConnector_getBusy(HttpConnector_T H) {
+        assert(H);
+        return H->busy;
 }
 
 void HttpConnector_setPort(HttpConnector_T H, int port) {
@@ -1105,8 +1112,7 @@ int HttpConnector_getProcessorTimeout(HttpConnector_T H) {
 void HttpConnector_setConnectionTimeout(HttpConnector_T H, int timeout) {
         assert(H);
         assert(timeout >= 0);
-        // Seconds in, milliseconds kept; a timeout past what fits is as good as none.
-        H->connectionTimeout = timeout > INT_MAX / 1000 ? INT_MAX / 1000 * 1000 : timeout * 1000;
+        H->connectionTimeout = milliseconds(timeout);
 }
 
 int HttpConnector_getConnectionTimeout(HttpConnector_T H) {
@@ -1154,6 +1160,28 @@ void HttpConnector_setMaxParameterCount(HttpConnector_T H, int count) {
 int HttpConnector_getMaxParameterCount(HttpConnector_T H) {
         assert(H);
         return H->maxParameterCount;
+}
+
+void HttpConnector_setKeepAliveRequests(HttpConnector_T H, int requests) {
+        assert(H);
+        assert(requests > 0);
+        H->keepAliveRequests = requests;
+}
+
+int HttpConnector_getKeepAliveRequests(HttpConnector_T H) {
+        assert(H);
+        return H->keepAliveRequests;
+}
+
+void HttpConnector_setKeepAliveTimeout(HttpConnector_T H, int timeout) {
+        assert(H);
+        assert(timeout > 0);
+        H->keepAliveTimeout = milliseconds(timeout);
+}
+
+int HttpConnector_getKeepAliveTimeout(HttpConnector_T H) {
+        assert(H);
+        return H->keepAliveTimeout / 1000;
 }
 
 void HttpConnector_setEngine(HttpConnector_T H, Engine_T engine) {

@@ -30,7 +30,6 @@
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "http/KernelSeam.hpp"
 #include "http/PartImpl.hpp"
 
 namespace {
@@ -113,9 +112,6 @@ inline bool isControl(char c) {
 }
 
 constexpr const char* kMethods[] = {"GET", "POST", "HEAD", "PUT", "DELETE", "TRACE", "OPTIONS"};
-constexpr int kOPTIONS = 6;
-constexpr int kPOST = 1;
-constexpr int kPUT = 3;
 constexpr long kPathMax = 4095;
 
 // True if the len bytes of word stand at p, before limit, in any case.
@@ -139,6 +135,12 @@ char* trim(char* s, char* e) {
 int parameterCap(HttpConnector_T connector) {
         return connector ? HttpConnector_getMaxParameterCount(connector)
                          : HTTPCONNECTOR_MAX_PARAMETER_COUNT;
+}
+
+// The largest body a request on connector may declare.
+long contentLengthLimit(HttpConnector_T connector) {
+        return connector ? HttpConnector_getContentLengthLimit(connector)
+                         : HTTPCONNECTOR_CONTENT_LENGTH_LIMIT;
 }
 
 // True if request, holding pending parameters not yet added, can take no more under cap.
@@ -262,7 +264,7 @@ private:
                         return cut();
                 size_t n = static_cast<size_t>(p - L->token);
                 L->method = -1;
-                for (int i = 0; i <= kOPTIONS; i++)
+                for (int i = HttpRequest_GET; i <= HttpRequest_OPTIONS; i++)
                         if (strlen(kMethods[i]) == n && strncasecmp(L->token, kMethods[i], n) == 0)
                                 L->method = i;
                 if (L->method < 0 || *p != ' ')
@@ -277,7 +279,7 @@ private:
                 if (p >= limit)
                         return cut();
                 if (first && *p == '*') {
-                        if (L->method != kOPTIONS)
+                        if (L->method != HttpRequest_OPTIONS)
                                 return fail(400, "Invalid path");
                         p++;
                         HttpRequest_setRequestURI(request, "*");
@@ -874,15 +876,14 @@ private:
                 InetAddress_T inet = L->inet;
                 // Any method may declare a body, and the connector reads every declared body
                 // (a GET's only to drop it), so the limit holds for all of them.
-                if (L->hasContentLength && L->contentLength > KernelSeam_contentLengthLimit(
-                                                                  InetAddress_getConnector(inet)))
+                if (L->hasContentLength && L->contentLength > contentLengthLimit(connector))
                         return fail(413, "");
-                if (L->method == kPOST || L->method == kPUT) {
+                if (L->method == HttpRequest_POST || L->method == HttpRequest_PUT) {
                         if (!L->hasContentLength)
                                 return fail(400, "Content-Length required");
                         if (L->contentLength > 0)
                                 L->hasBody = 1;
-                        if (L->method == kPUT &&
+                        if (L->method == HttpRequest_PUT &&
                             HttpRequest_containsHeader(request, "Content-Range"))
                                 return fail(400, "Content-Range not allowed in PUT request");
                         if (HttpRequest_containsHeaderValue(request, "transfer-encoding",

@@ -2,8 +2,10 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <vesk/Context.h>
 #include <vesk/Cookie.h>
 #include <vesk/Error.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpStore.h>
@@ -12,11 +14,13 @@
 #include <vesk/Logger.h>
 #include <vesk/Map.h>
 #include <vesk/Part.h>
+#include <vesk/RequestDispatcher.h>
+#include <vesk/ServletContext.h>
 #include <vesk/Str.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "http/KernelSeam.hpp"
+#include "authenticate/StandIns.hpp"
 
 struct HttpRequest_S {
         char* requestURL;
@@ -345,7 +349,7 @@ void HttpRequest_setContext(HttpRequest_T H, Context_T context) {
         assert(H);
         assert(context);
         H->context = context;
-        H->sessionManager = KernelSeam_sessionManager(context);
+        H->sessionManager = Context_getSessionManager(context);
 }
 
 /* ------------------------------------------------------------------- The connection */
@@ -384,12 +388,16 @@ const char* HttpRequest_getRemoteAddr(HttpRequest_T H) {
 
 const char* HttpRequest_getMethod(HttpRequest_T H) {
         assert(H);
-        return H->method >= 0 && H->method <= 6 ? kMethods[H->method] : "?";
+        return H->method >= HttpRequest_GET && H->method <= HttpRequest_OPTIONS
+                   ? kMethods[H->method]
+                   : "?";
 }
 
 const char* HttpRequest_getScheme(HttpRequest_T H) {
         assert(H);
-        return H->scheme ? H->scheme : KernelSeam_connectorScheme(H->connector);
+        if (H->scheme)
+                return H->scheme;
+        return H->connector ? HttpConnector_getScheme(H->connector) : "http";
 }
 
 int HttpRequest_getServerPort(HttpRequest_T H) {
@@ -572,7 +580,7 @@ void HttpRequest_vlog(HttpRequest_T H, const char* format, va_list ap) {
 
 ServletContext_T HttpRequest_getServletContext(HttpRequest_T H) {
         assert(H);
-        return H->context ? KernelSeam_servletContext(H->context) : nullptr;
+        return H->context ? Context_getServletContext(H->context) : nullptr;
 }
 
 /* ------------------------------------------------------ Session and authentication */
@@ -595,18 +603,18 @@ HttpSession_T HttpRequest_getSession(HttpRequest_T H, int create) {
                 return nullptr;
         HttpSession_T session = nullptr;
         if (H->requestedSessionId)
-                session = KernelSeam_findSession(H->sessionManager, H->requestedSessionId);
+                session = SessionManager_findSession(H->sessionManager, H->requestedSessionId);
         if (!session) {
                 if (!create)
                         return nullptr;
-                session = KernelSeam_createSession(H->sessionManager);
+                session = SessionManager_createSession(H->sessionManager);
                 if (!session)
                         return nullptr;
         }
         // The bound session's id replaces the one the client sent; where it came from
         // (cookie or URL) is left as it was.
-        H->requestedSessionId = copy(H, KernelSeam_sessionId(session));
-        KernelSeam_sessionIncrement(session);
+        H->requestedSessionId = copy(H, HttpSession_getId(session));
+        HttpSession_increment(session);
         H->session = session;
         return session;
 }
@@ -617,9 +625,9 @@ Principal_T HttpRequest_getUserPrincipal(HttpRequest_T H) {
                 return H->userPrincipal;
         HttpSession_T session = HttpRequest_getSession(H, 0);
         if (session) {
-                H->userPrincipal = KernelSeam_sessionPrincipal(session);
+                H->userPrincipal = HttpSession_getPrincipal(session);
                 if (H->userPrincipal)
-                        KernelSeam_principalIncrement(H->userPrincipal);
+                        Principal_increment(H->userPrincipal);
         }
         return H->userPrincipal;
 }
@@ -627,21 +635,21 @@ Principal_T HttpRequest_getUserPrincipal(HttpRequest_T H) {
 int HttpRequest_isUserInRole(HttpRequest_T H, const char* role) {
         assert(H);
         Principal_T principal = HttpRequest_getUserPrincipal(H);
-        return principal ? KernelSeam_principalHasRole(principal, role) : 0;
+        return principal ? Principal_hasRole(principal, role) : 0;
 }
 
 const char* HttpRequest_getRemoteUser(HttpRequest_T H) {
         assert(H);
         Principal_T principal = HttpRequest_getUserPrincipal(H);
-        return principal ? KernelSeam_principalName(principal) : nullptr;
+        return principal ? Principal_getName(principal) : nullptr;
 }
 
 const char* HttpRequest_getAuthType(HttpRequest_T H) {
         assert(H);
         if (!H->authType) {
                 HttpSession_T session = HttpRequest_getSession(H, 0);
-                if (session && KernelSeam_sessionPrincipal(session))
-                        H->authType = copy(H, KernelSeam_sessionAuthType(session));
+                if (session && HttpSession_getPrincipal(session))
+                        H->authType = copy(H, HttpSession_getAuthType(session));
         }
         return H->authType;
 }
@@ -696,11 +704,9 @@ const char* HttpRequest_getRequestURL(HttpRequest_T H) {
 
 const char* HttpRequest_getPathTranslated(HttpRequest_T H) {
         assert(H);
-        if (!H->pathTranslated && STR_DEF(H->pathInfo)) {
-                const char* real =
-                    KernelSeam_realPath(HttpRequest_getServletContext(H), H->pathInfo);
-                H->pathTranslated = copy(H, real);
-        }
+        ServletContext_T context = HttpRequest_getServletContext(H);
+        if (!H->pathTranslated && STR_DEF(H->pathInfo) && context)
+                H->pathTranslated = copy(H, ServletContext_getRealPath(context, H->pathInfo));
         return H->pathTranslated;
 }
 
@@ -735,9 +741,9 @@ RequestDispatcher_T HttpRequest_getRequestDispatcher(HttpRequest_T H, const char
                 }
         }
         second->requestURI = target;
-        if (!H->context || !KernelSeam_dispatch(H->context, second))
+        if (!H->context || !Context_dispatch(H->context, second))
                 return nullptr;
-        return KernelSeam_newRequestDispatcher(H, second);
+        return RequestDispatcher_new(H, second);
 }
 
 /* ---------------------------------------------------------------------- The body */
@@ -782,9 +788,9 @@ int HttpRequest_parseStore(HttpRequest_T H) {
 void HttpRequest_end(HttpRequest_T H) {
         assert(H);
         if (H->userPrincipal)
-                KernelSeam_principalDecrement(H->userPrincipal);
+                Principal_decrement(H->userPrincipal);
         if (H->session)
-                KernelSeam_sessionDecrement(H->session);
+                HttpSession_decrement(H->session);
         if (H->store)
                 HttpStore_remove(H->store);
         H->userPrincipal = nullptr;

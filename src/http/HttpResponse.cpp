@@ -7,17 +7,23 @@
 
 #include <vesk/Chain.h>
 #include <vesk/Container.h>
+#include <vesk/Context.h>
 #include <vesk/Cookie.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/Map.h>
 #include <vesk/OutputStream.h>
+#include <vesk/ServerPage.h>
+#include <vesk/ServletContext.h>
 #include <vesk/Str.h>
 #include <vesk/Time.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "http/KernelSeam.hpp"
+#include "authenticate/StandIns.hpp"
 
 struct HttpResponse_S {
         int status;
@@ -40,11 +46,7 @@ struct HttpResponse_S {
 
 namespace {
 
-// The idle time of a kept connection in seconds; the connector waits the same.
-constexpr long kKeepAliveTimeout = 15;
 constexpr int kBufferSize = 8192;
-// The method number of HEAD.
-constexpr int kHead = 2;
 
 struct Reason {
         int code;
@@ -99,7 +101,7 @@ bool locked(HttpResponse_T H) {
 }
 
 bool answersHead(HttpResponse_T H) {
-        return H->request && HttpRequest_method(H->request) == kHead;
+        return H->request && HttpRequest_method(H->request) == HttpRequest_HEAD;
 }
 
 // A HEAD is answered with the head alone: the stream measures the body and drops it.
@@ -205,7 +207,7 @@ void freeServerPages(const char* key, const char* value, void* cl) {
         (void)cl;
         ServerPage_T page = reinterpret_cast<ServerPage_T>(const_cast<char*>(value));
         if (page)
-                KernelSeam_freeServerPage(&page);
+                ServerPage_free(&page);
 }
 
 // The session cookie of a session made during this request.
@@ -213,18 +215,41 @@ void addSessionCookie(HttpResponse_T H) {
         if (!H->request || !H->context)
                 return;
         HttpSession_T session = HttpRequest_getSession(H->request, 0);
-        if (!session || !KernelSeam_sessionIsNew(session))
+        if (!session || !HttpSession_isNew(session))
                 return;
-        Cookie_T cookie = Cookie_alloc(H->arena, "vsessionid", KernelSeam_sessionId(session));
+        Cookie_T cookie = Cookie_alloc(H->arena, "vsessionid", HttpSession_getId(session));
         Cookie_setMaxAge(cookie, -1);
-        Cookie_setPath(cookie, KernelSeam_contextPath(H->context));
+        Cookie_setPath(cookie, Context_getContextPath(H->context));
         Cookie_setHttpOnly(cookie, 1);
         Cookie_setSameSite(cookie, 1);
         if (HttpRequest_isSecure(H->request) ||
-            Str_isEqual(KernelSeam_proxyScheme(H->connector), "https"))
+            (H->connector && Str_isEqual(HttpConnector_getProxyScheme(H->connector), "https")))
                 Cookie_setSecure(cookie, 1);
         Map_put(H->headers, "Set-Cookie", Cookie_toString(cookie));
 }
+
+// The idle time named in the Keep-Alive header: what the connector waits.
+int keepAliveTimeout(HttpResponse_T H) {
+        return H->connector ? HttpConnector_getKeepAliveTimeout(H->connector)
+                            : HTTPCONNECTOR_KEEP_ALIVE_TIMEOUT;
+}
+
+/* ------------------------------------------------------------ What the stream asks */
+
+void commitHead(void* response) {
+        HttpResponse_commit(static_cast<HttpResponse_T>(response));
+}
+
+int acceptsGzip(void* response) {
+        HttpRequest_T request = static_cast<HttpResponse_T>(response)->request;
+        return request && HttpRequest_getAcceptEncoding(request);
+}
+
+void setGzip(void* response) {
+        HttpResponse_setHeader(static_cast<HttpResponse_T>(response), "Content-Encoding", "gzip");
+}
+
+constexpr OutputStream_Response kStreamCalls = {commitHead, acceptsGzip, setGzip};
 
 }  // namespace
 
@@ -247,7 +272,7 @@ void HttpResponse_free(HttpResponse_T* H) {
         Map_map(R->serverPages, freeServerPages, nullptr);
         Map_clear(R->serverPages);
         if (R->fileMap) {
-                KernelSeam_returnFileMap(R->fileMap);
+                FileCache_return(FileCache_getInstance(), R->fileMap);
                 R->fileMap = nullptr;
         }
         *H = nullptr;
@@ -264,7 +289,7 @@ void HttpResponse_setOutputStream(HttpResponse_T H, OutputStream_T out) {
         assert(H);
         assert(out);
         H->outputStream = out;
-        OutputStream_setResponse(out, H);
+        OutputStream_setResponse(out, &kStreamCalls, H);
         OutputStream_setBufferSize(out, kBufferSize);
         bindHead(H);
 }
@@ -368,7 +393,7 @@ void HttpResponse_setProtocol(HttpResponse_T H, const char* protocol) {
 
 ServletContext_T HttpResponse_getServletContext(HttpResponse_T H) {
         assert(H);
-        return H->context ? KernelSeam_servletContext(H->context) : nullptr;
+        return H->context ? Context_getServletContext(H->context) : nullptr;
 }
 
 long long HttpResponse_getBytesWritten(HttpResponse_T H) {
@@ -472,11 +497,12 @@ void HttpResponse_resetBuffer(HttpResponse_T H) {
 
 ServerPage_T HttpResponse_getServerPage(HttpResponse_T H, const char* path) {
         assert(H);
-        const char* real = KernelSeam_realPath(HttpResponse_getServletContext(H), path);
+        ServletContext_T context = HttpResponse_getServletContext(H);
+        const char* real = context ? ServletContext_getRealPath(context, path) : nullptr;
         if (!real)
                 return nullptr;
         char* key = STR_DUP_ARENA(H->arena, real);
-        ServerPage_T page = KernelSeam_newServerPage(H->arena, key, H);
+        ServerPage_T page = ServerPage_new(H->arena, key, H);
         if (page)
                 Map_put(H->serverPages, key, reinterpret_cast<const char*>(page));
         return page;
@@ -513,8 +539,8 @@ void HttpResponse_commit(HttpResponse_T H) {
         addSessionCookie(H);
         Map_map(H->headers, mapHeaders, c);
         if (H->keepAlive)
-                Chain_print(c, "Connection: keep-alive\r\nKeep-Alive: timeout=%ld, max=%d\r\n",
-                            kKeepAliveTimeout, H->keepAlive);
+                Chain_print(c, "Connection: keep-alive\r\nKeep-Alive: timeout=%d, max=%d\r\n",
+                            keepAliveTimeout(H), H->keepAlive);
         Chain_print(c, "\r\n");
         OutputStream_commit(H->outputStream, c);
 }
@@ -586,7 +612,7 @@ void HttpResponse_vsendError(HttpResponse_T H, int status, const char* fmt, va_l
         assert(H);
         if (locked(H))
                 return;
-        const char* errorPage = H->context ? KernelSeam_errorPage(H->context, status) : nullptr;
+        const char* errorPage = H->context ? Context_getErrorPage(H->context, status) : nullptr;
         const char* message = "";
         if (fmt)
                 message =
@@ -604,7 +630,10 @@ void HttpResponse_vsendError(HttpResponse_T H, int status, const char* fmt, va_l
                 // A page starts compressing when it is made; an error is always sent plain.
                 OutputStream_clear(H->outputStream);
                 HttpResponse_removeHeader(H, "Content-Encoding");
-                KernelSeam_writeErrorPage(page, status, fmt ? message : reason);
+                ServerPage_setErrorPage(page);
+                ServerPage_addInt(page, "Error.status_code", status);
+                ServerPage_add(page, "Error.message", fmt ? message : reason);
+                ServerPage_write(page);
         } else {
                 OutputStream_print(H->outputStream,
                                    "<html>\r\n<head><title>%d %s</title></head>\r\n<body "
@@ -630,7 +659,7 @@ const char* HttpResponse_encodeURL(HttpResponse_T H, const char* url) {
                 if (!name || !Str_sub(url, needle))
                         return url;
         }
-        const char* id = KernelSeam_sessionId(session);
+        const char* id = HttpSession_getId(session);
         if (!id)
                 return url;
         size_t length = strlen(url);
@@ -648,12 +677,14 @@ void HttpResponse_setFileMap(HttpResponse_T H, FileMap_T map) {
         assert(H);
         assert(map);
         H->fileMap = map;
-        HttpResponse_setContentLength(H,
-                                      static_cast<unsigned long long>(KernelSeam_fileMapSize(map)));
-        if (!Map_has(H->headers, "Content-Type"))
-                HttpResponse_setContentType(H,
-                                            KernelSeam_mimeType(HttpResponse_getServletContext(H),
-                                                                KernelSeam_fileMapPath(map)));
+        HttpResponse_setContentLength(H, static_cast<unsigned long long>(FileMap_getSize(map)));
+        if (!Map_has(H->headers, "Content-Type")) {
+                ServletContext_T context = HttpResponse_getServletContext(H);
+                HttpResponse_setContentType(
+                    H, context
+                           ? ServletContext_getMimeType(context, File_getPath(FileMap_getFile(map)))
+                           : "application/octet-stream");
+        }
         OutputStream_setFileMap(H->outputStream, map);
         HttpResponse_commit(H);
 }

@@ -1,4 +1,5 @@
 #include <errno.h>
+#include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,7 +20,6 @@
 #include <vesk/System.h>
 #include <vesk/assert.h>
 
-#include "http/KernelSeam.hpp"
 #include "http/PartImpl.hpp"
 
 namespace {
@@ -42,7 +42,7 @@ struct HttpStore_S {
         int encoding;
         int inflating;
         InetAddress_T inet;
-        StoreMap* fileMap;
+        File_T file;  // the body file while it is mapped for parsing
         z_stream zs;
         char* buffer;
         int fd;
@@ -259,9 +259,8 @@ void HttpStore_remove(HttpStore_T S) {
                         FREE(S->buffer);
         } else if (S->path) {
                 closeFile(S);
-                if (S->fileMap)
-                        KernelSeam_unmapStore(S->fileMap);
-                S->fileMap = nullptr;
+                if (S->file)
+                        File_free(&S->file);
                 File_delete(S->path);
                 S->path = nullptr;
         }
@@ -273,21 +272,19 @@ int HttpStore_parse(HttpStore_T S, HttpRequest_T request) {
         char* data;
         int length;
         if (!S->inMemory && S->path) {
-                if (!S->fileMap) {
-                        StoreMap map = {};
-                        if (!KernelSeam_mapStore(S->path, &map)) {
-                                Error_error(
-                                    "HttpStore_parse: Could not map post data file %s -- %s\n",
+                // Writable and shared: the scanners cut texts out of the body in place.
+                if (!S->file)
+                        S->file = File_new("%s", S->path);
+                FileMap_T map = File_map(S->file, "r+");
+                if (!map) {
+                        Error_error("HttpStore_parse: Could not map post data file %s -- %s\n",
                                     S->path, File_getLastError());
-                                return 0;
-                        }
-                        S->fileMap = static_cast<StoreMap*>(
-                            ARENA_ALLOC(InetAddress_getArena(S->inet), sizeof(StoreMap)));
-                        *S->fileMap = map;
+                        File_free(&S->file);
+                        return 0;
                 }
-                assert(S->fileMap->size > HttpStore_getStoredDataSize(S));
-                data = S->fileMap->address;
-                length = static_cast<int>(S->fileMap->size - 1);
+                assert(FileMap_getSize(map) > HttpStore_getStoredDataSize(S));
+                data = static_cast<char*>(FileMap_getAddress(map));
+                length = FileMap_getSize(map) - 1;
         } else if (S->inMemory && S->buffer) {
                 data = S->buffer;
                 length = S->stored;

@@ -7,6 +7,7 @@
 
 #include <vesk/Arena.h>
 #include <vesk/Chain.h>
+#include <vesk/File.h>
 #include <vesk/FileCache.h>
 #include <vesk/Mem.h>
 #include <vesk/Net.h>
@@ -15,8 +16,6 @@
 
 #include "io/ChainImpl.hpp"
 #include "io/MapGuard.hpp"
-#include "net/FileSource.hpp"
-#include "net/HttpSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
 namespace {
@@ -39,7 +38,10 @@ struct OutputStream_S {
         int chunked;
         int commited;
         int endChunk;
-        HttpResponse_T response;
+        // The response whose body this is, and what the stream asks of it; none when calls
+        // is NULL.
+        const OutputStream_Response* calls;
+        void* response;
         long long bytesWritten;
         // A chunk went out since the head: every later chunk line and the final chunk
         // then begin with the CR LF that ends the data before them.
@@ -304,9 +306,11 @@ void OutputStream_setSSL(OutputStream_T S, SSL_T ssl) {
         S->ssl = ssl;
 }
 
-void OutputStream_setResponse(OutputStream_T S, HttpResponse_T response) {
+void OutputStream_setResponse(OutputStream_T S, const OutputStream_Response* calls,
+                              void* response) {
         assert(S);
-        S->response = response;
+        S->calls = calls;
+        S->response = calls ? response : nullptr;
 }
 
 long long OutputStream_getBytesWritten(OutputStream_T S) {
@@ -404,9 +408,9 @@ int OutputStream_flush(OutputStream_T S) {
         assert(S);
         if (S->isClosed)
                 return -1;
-        if (S->response && !S->commited) {
+        if (S->calls && !S->commited) {
                 S->commited = 1;
-                HttpSeam_commit(S->response);
+                S->calls->commit(S->response);
         }
         if (S->discard) {
                 // Nothing but the head is buffered, and it needs no framing.
@@ -425,11 +429,11 @@ int OutputStream_startCompress(OutputStream_T S, int level) {
         assert((level >= 0) && (level <= 9));
         if (S->chain->compressed || S->gzipClaimed)
                 return 1;
-        if (S->response) {
+        if (S->calls) {
                 // Once the head is out its Content-Encoding can no longer change.
-                if (S->commited || !HttpSeam_acceptsGzip(S->response))
+                if (S->commited || !S->calls->acceptsGzip(S->response))
                         return 0;
-                HttpSeam_setGzipEncoding(S->response);
+                S->calls->setGzip(S->response);
         }
         if (S->discard) {
                 S->gzipClaimed = 1;
@@ -453,8 +457,8 @@ void OutputStream_end(OutputStream_T S) {
 void OutputStream_setFileMap(OutputStream_T S, FileMap_T map) {
         assert(S);
         assert(map);
-        char* address = const_cast<char*>(FileSource_address(map));
-        int size = FileSource_length(map);
+        char* address = static_cast<char*>(FileMap_getAddress(map));
+        int size = FileMap_getSize(map);
         if (!address || size < 1)
                 return;
         if (S->discard) {

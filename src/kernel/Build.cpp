@@ -28,7 +28,6 @@
 #include <vesk/Thread.h>
 #include <vesk/assert.h>
 
-#include "http/ConnectorSeam.hpp"
 #include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 
@@ -165,11 +164,7 @@ constexpr int64_t kStopGrace = 30000;
 constexpr unsigned kDrainPoll = 20;  // milliseconds
 
 int busy(Build_T B) {
-        int n = 0;
-        if (B->service)
-                for (list_t p = Service_getConnectors(B->service)->head; p; p = p->next)
-                        n += connectorseam::busy(static_cast<HttpConnector_T>(p->e));
-        return n;
+        return B->service ? Service_getBusy(B->service) : 0;
 }
 
 void finishStop(Build_T B) {
@@ -196,8 +191,7 @@ void Build_stop(Build_T B) {
         // Applications are destroyed only once no processor thread runs their code: the
         // listeners close now, and what is in flight is answered first.
         if (B->service)
-                for (list_t p = Service_getConnectors(B->service)->head; p; p = p->next)
-                        connectorseam::quiesce(static_cast<HttpConnector_T>(p->e));
+                Service_quiesce(B->service);
         if (!busy(B)) {
                 finishStop(B);
                 return;

@@ -75,3 +75,17 @@ void Service_stop(Service_T S) {
                 HttpConnector_stop(static_cast<HttpConnector_T>(p->e));
         Error_debug("Service stopped\n");
 }
+
+void Service_quiesce(Service_T S) {
+        assert(S);
+        for (list_t p = S->connectors->head; p; p = p->next)
+                HttpConnector_quiesce(static_cast<HttpConnector_T>(p->e));
+}
+
+int Service_getBusy(Service_T S) {
+        assert(S);
+        int n = 0;
+        for (list_t p = S->connectors->head; p; p = p->next)
+                n += HttpConnector_getBusy(static_cast<HttpConnector_T>(p->e));
+        return n;
+}

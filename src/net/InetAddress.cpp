@@ -3,6 +3,8 @@
 #include <sys/socket.h>
 
 #include <vesk/Arena.h>
+#include <vesk/HttpConnector.h>
+#include <vesk/HttpResponse.h>
 #include <vesk/InetAddress.h>
 #include <vesk/InputStream.h>
 #include <vesk/Mem.h>
@@ -10,7 +12,6 @@
 #include <vesk/OutputStream.h>
 #include <vesk/assert.h>
 
-#include "net/HttpSeam.hpp"
 #include "ssl/SSLTransport.hpp"
 
 namespace {
@@ -19,7 +20,6 @@ constexpr int kAddrSize = 128;
 constexpr int kNameSize = 256;
 constexpr int kAddressSize = 41;
 constexpr int kBlockingTimeout = 3000;
-constexpr int kKeepAlive = 100;
 
 }  // namespace
 
@@ -74,7 +74,7 @@ const char* orEmpty(char* buffer, int status) {
 void finish(InetAddress_T* I, bool hard) {
         InetAddress_T inet = *I;
         if (inet->response)
-                HttpSeam_free(&inet->response);
+                HttpResponse_free(&inet->response);
         if (inet->output)
                 OutputStream_end(inet->output);
         // TLS goes last: ending the output may still flush through it, and the streams
@@ -103,7 +103,7 @@ InetAddress_T InetAddress_new(int port, int socket, const struct sockaddr* addr,
         I->socket = socket;
         I->addrlen = addrlen;
         memcpy(I->addr.bytes, addr, static_cast<size_t>(addrlen));
-        I->keepAlive = kKeepAlive;
+        I->keepAlive = HTTPCONNECTOR_KEEP_ALIVE_REQUESTS;
         I->remotePort = -1;
         I->blocking = 1;
         I->isClient = isClient;
@@ -114,7 +114,7 @@ InetAddress_T InetAddress_new(int port, int socket, const struct sockaddr* addr,
 void InetAddress_release(InetAddress_T I) {
         assert(I);
         if (I->response)
-                HttpSeam_free(&I->response);
+                HttpResponse_free(&I->response);
         if (I->output)
                 OutputStream_end(I->output);
         Arena_free(I->arena);
@@ -129,7 +129,7 @@ void InetAddress_release(InetAddress_T I) {
 void InetAddress_halfClose(InetAddress_T I) {
         assert(I);
         if (I->response)
-                HttpSeam_free(&I->response);
+                HttpResponse_free(&I->response);
         if (I->output)
                 OutputStream_end(I->output);
         if (I->ssl)
@@ -225,6 +225,12 @@ int InetAddress_setKeepAlive(InetAddress_T I, int value) {
         else if (I->keepAlive > 0)
                 I->keepAlive--;
         return I->keepAlive;
+}
+
+void InetAddress_setKeepAliveRequests(InetAddress_T I, int requests) {
+        assert(I);
+        assert(requests > 0);
+        I->keepAlive = requests;
 }
 
 int InetAddress_getKeepAlive(InetAddress_T I) {

@@ -6,6 +6,8 @@
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
 #include <vesk/File.h>
+#include <vesk/HttpRequest.h>
+#include <vesk/HttpResponse.h>
 #include <vesk/InputStream.h>
 #include <vesk/Map.h>
 #include <vesk/Mem.h>
@@ -32,67 +34,11 @@ struct URLConnection_S {
 
 namespace {
 
-enum { kGet = 0, kPost = 1 };
-
 constexpr int kLineSize = 256;
 constexpr int kCredentialsSize = 256;
 constexpr int kHttpPort = 80;
 // A server that never ends its head is cut off here.
 constexpr int kMaxHeaderLines = 1000;
-
-struct Reason {
-        int status;
-        const char* text;
-};
-
-// The reasons a client is likely to meet; the rest are named by class.
-constexpr Reason kReasons[] = {
-    {201, "Created"},
-    {202, "Accepted"},
-    {204, "No Content"},
-    {206, "Partial Content"},
-    {301, "Moved Permanently"},
-    {302, "Found"},
-    {303, "See Other"},
-    {304, "Not Modified"},
-    {307, "Temporary Redirect"},
-    {308, "Permanent Redirect"},
-    {400, "Bad Request"},
-    {403, "Forbidden"},
-    {404, "Not Found"},
-    {405, "Method Not Allowed"},
-    {408, "Request Timeout"},
-    {411, "Length Required"},
-    {413, "Request Entity Too Large"},
-    {414, "Request-URI Too Long"},
-    {415, "Unsupported Media Type"},
-    {500, "Internal Server Error"},
-    {501, "Not Implemented"},
-    {502, "Bad Gateway"},
-    {503, "Service Unavailable"},
-    {504, "Gateway Timeout"},
-    {505, "HTTP Version Not Supported"},
-};
-
-const char* statusText(int status) {
-        for (const Reason& r : kReasons)
-                if (r.status == status)
-                        return r.text;
-        switch (status / 100) {
-        case 1:
-                return "Informational";
-        case 2:
-                return "Success";
-        case 3:
-                return "Redirection";
-        case 4:
-                return "Client Error";
-        case 5:
-                return "Server Error";
-        default:
-                return "Unknown Status";
-        }
-}
 
 void freeHeader(const char* key, const char* value, void* cl) {
         (void)cl;
@@ -154,7 +100,7 @@ void sendRequest(URLConnection_T C, OutputStream_T out) {
         const char* query = URL_getQueryString(url);
         char* path = URL_escape(URL_getPath(url) ? URL_getPath(url) : "/");
         TRY
-                if (C->method == kPost) {
+                if (C->method == HttpRequest_POST) {
                         OutputStream_print(out, "POST %s HTTP/1.1\r\n", path);
                         OutputStream_print(out, "Content-Type: application/x-www-form-urlencoded\r\n");
                         OutputStream_print(out, "Content-Length: %ld\r\n",
@@ -176,7 +122,7 @@ void sendRequest(URLConnection_T C, OutputStream_T out) {
                 if (!Map_has(C->headers, "Connection"))
                         OutputStream_print(out, "Connection: close\r\n");
                 OutputStream_print(out, "\r\n");
-                if (C->method == kPost && query)
+                if (C->method == HttpRequest_POST && query)
                         OutputStream_write(out, query, static_cast<int>(strlen(query)));
         FINALLY
                 FREE(path);
@@ -212,7 +158,7 @@ void readHead(URLConnection_T C, InputStream_T in) {
         if (status == 401)
                 THROW(IOException, "Invalid username or password");
         if (status != 200)
-                THROW(IOException, "%d %s", status, statusText(status));
+                THROW(IOException, "%d %s", status, HttpResponse_status(status));
         // Decoding starts behind the head, whose own lines are not chunked.
         bool chunked = false;
         for (int lines = 0; readLine(in, line, sizeof line); lines++) {
@@ -272,7 +218,7 @@ URLConnection_T URLConnection_new(URL_T U) {
         NEW0(C);
         C->url = U;
         C->fd = -1;
-        C->method = kGet;
+        C->method = HttpRequest_GET;
         C->headers = Map_new();
         return C;
 }
@@ -298,16 +244,16 @@ void URLConnection_free(URLConnection_T* C) {
 void URLConnection_setMethod(URLConnection_T C, const char* method) {
         assert(C);
         if (Str_isEqual(method, "GET"))
-                C->method = kGet;
+                C->method = HttpRequest_GET;
         else if (Str_isEqual(method, "POST"))
-                C->method = kPost;
+                C->method = HttpRequest_POST;
         else
                 THROW(AssertException, "Method not supported");
 }
 
 const char* URLConnection_getMethod(URLConnection_T C) {
         assert(C);
-        return C->method == kPost ? "POST" : "GET";
+        return C->method == HttpRequest_POST ? "POST" : "GET";
 }
 
 void URLConnection_addHeader(URLConnection_T C, const char* name, const char* format, ...) {

@@ -18,7 +18,7 @@
 #include <vesk/ServerPage.h>
 #include <vesk/Str.h>
 
-#include "serverpages/ServerPageSeam.hpp"
+#include "authenticate/StandIns.hpp"
 
 #include <vesk/assert.h>
 
@@ -264,8 +264,11 @@ int ServerPage_write(ServerPage_T P) {
                 redirect = hdf_get_value(P->hdf, "Response.redirect", nullptr);
         }
         HttpRequest_T req = HttpResponse_getRequest(P->response);
-        if (hdf_get_value(P->hdf, "Session.invalidate", nullptr) && req)
-                ServerPageSeam_invalidateSession(HttpRequest_getSession(req, 0));
+        if (hdf_get_value(P->hdf, "Session.invalidate", nullptr) && req) {
+                HttpSession_T session = HttpRequest_getSession(req, 0);
+                if (session)
+                        HttpSession_invalidate(session);
+        }
         if (redirect)
                 HttpResponse_sendRedirect(P->response, "%s", redirect);
         else if (!P->isErrorPage) {

@@ -117,7 +117,7 @@ bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const Validator
         const char* ifNoneMatch = HttpRequest_getHeader(req, "If-None-Match");
         if (ifNoneMatch && (strchr(ifNoneMatch, '*') || strstr(v.etag, ifNoneMatch))) {
                 int method = HttpRequest_method(req);
-                if (method == 0 || method == 2)
+                if (method == HttpRequest_GET || method == HttpRequest_HEAD)
                         HttpResponse_setStatus(res, 304);
                 else
                         HttpResponse_sendError(res, 412, NULL);

@@ -14,12 +14,12 @@
 
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
+#include <vesk/File.h>
+#include <vesk/FileCache.h>
 #include <vesk/InetAddress.h>
 #include <vesk/Net.h>
 #include <vesk/ServerSocket.h>
 #include <vesk/Socket.h>
-
-#include "net/FileSource.hpp"
 
 namespace {
 
@@ -367,14 +367,14 @@ void discardIfTruncated(ssize_t n, FileMap_T map) {
 }  // namespace
 
 ssize_t Net_sendfileb(const char* path, int fd) {
-        long long size = FileSource_size(path);
+        long long size = File_size(path);
         if (size < 1)
                 return static_cast<ssize_t>(size);
-        FileMap_T map = FileSource_get(path);
+        FileMap_T map = FileCache_get(FileCache_getInstance(), 0, path);
         if (!map)
                 return -1;
-        const char* address = FileSource_address(map);
-        long long length = FileSource_length(map);
+        auto address = static_cast<const char*>(FileMap_getAddress(map));
+        long long length = FileMap_getSize(map);
         long long sent = 0;
         while (sent < length) {
                 ssize_t n =
@@ -385,29 +385,30 @@ ssize_t Net_sendfileb(const char* path, int fd) {
                 }
                 sent += n;
         }
-        FileSource_return(map);
+        FileCache_return(FileCache_getInstance(), map);
         return sent < length ? -1 : static_cast<ssize_t>(sent);
 }
 
 ssize_t Net_sendfile(const char* path, int fd, int ignored, off_t* offset, size_t count) {
         (void)ignored;
-        FileMap_T map = FileSource_get(path);
+        FileMap_T map = FileCache_get(FileCache_getInstance(), 0, path);
         if (!map)
                 return -1;
         // A range past the end of the mapping is cut to what the mapping holds.
-        off_t size = FileSource_length(map);
+        off_t size = FileMap_getSize(map);
         if (*offset < 0 || *offset > size) {
-                FileSource_return(map);
+                FileCache_return(FileCache_getInstance(), map);
                 errno = EINVAL;
                 return -1;
         }
         if (static_cast<off_t>(count) > size - *offset)
                 count = static_cast<size_t>(size - *offset);
-        ssize_t n = Net_write(fd, FileSource_address(map) + *offset, count, 0);
+        ssize_t n =
+            Net_write(fd, static_cast<const char*>(FileMap_getAddress(map)) + *offset, count, 0);
         if (n > 0)
                 *offset += n;
         discardIfTruncated(n, map);
-        FileSource_return(map);
+        FileCache_return(FileCache_getInstance(), map);
         return n;
 }
 

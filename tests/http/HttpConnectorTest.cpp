@@ -37,7 +37,6 @@
 #include "support/Support.hpp"
 #include "support/TempDir.hpp"
 #include "support/TlsSupport.hpp"
-#include "http/ConnectorSeam.hpp"
 
 namespace {
 
@@ -239,7 +238,6 @@ protected:
 
         void SetUp() override {
                 Container_WorkDir = dir.path().c_str();
-                connectorseam::keepAliveTimeout = 1000;
                 bodyFilesSeen = -1;
                 floodEnded = false;
                 engine = Engine_new();
@@ -265,6 +263,8 @@ protected:
                 HttpConnector_setEngine(connector, engine);
                 HttpConnector_setConnectionTimeout(connector, 2);
                 HttpConnector_setProcessorThreads(connector, 4);
+                // Nothing in these tests waits out 15 idle seconds.
+                HttpConnector_setKeepAliveTimeout(connector, 1);
         }
 
         void TearDown() override {
@@ -273,7 +273,6 @@ protected:
                 Engine_free(&engine);
                 Reactor_free();
                 Container_WorkDir = savedWorkDir;
-                connectorseam::keepAliveTimeout = 15000;
                 EXPECT_TRUE(stackEmpty());
         }
 
@@ -320,7 +319,7 @@ protected:
 
         int connections() {
                 int n = -1;
-                onReactor([&] { n = connectorseam::connections(connector); });
+                onReactor([&] { n = HttpConnector_getConnections(connector); });
                 return n;
         }
 
@@ -461,7 +460,32 @@ TEST_F(HttpConnectorTest, HundredthRequestClosesTheConnection) {
                 Response r = readResponse(fd);
                 ASSERT_EQ(r.body, "hello") << "request " << i;
                 if (i < 100)
-                        ASSERT_TRUE(r.has("Keep-Alive: timeout=15, max=" + std::to_string(100 - i)))
+                        ASSERT_TRUE(r.has("Keep-Alive: timeout=1, max=" + std::to_string(100 - i)))
+                            << r.head;
+                else
+                        EXPECT_TRUE(r.has("Connection: close")) << r.head;
+        }
+        EXPECT_EQ(readToClose(fd), "");
+        close(fd);
+}
+
+TEST_F(HttpConnectorTest, KeepAliveSettingsBoundEachConnection) {
+        HttpConnector_setKeepAliveRequests(connector, 3);
+        HttpConnector_setKeepAliveTimeout(connector, 2);
+        EXPECT_EQ(HttpConnector_getKeepAliveRequests(connector), 3);
+        EXPECT_EQ(HttpConnector_getKeepAliveTimeout(connector), 2);
+        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveRequests(connector, 0); }),
+                  "requests > 0");
+        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveTimeout(connector, 0); }),
+                  "timeout > 0");
+        start();
+        int fd = connectTo(port);
+        for (int i = 1; i <= 3; i++) {
+                sendAll(fd, get("/hello"));
+                Response r = readResponse(fd);
+                ASSERT_EQ(r.body, "hello") << "request " << i;
+                if (i < 3)
+                        EXPECT_TRUE(r.has("Keep-Alive: timeout=2, max=" + std::to_string(3 - i)))
                             << r.head;
                 else
                         EXPECT_TRUE(r.has("Connection: close")) << r.head;
@@ -575,6 +599,8 @@ TEST_F(HttpConnectorTest, BodyOverTheLimitGets413AndClientLeavingMidBodyIsDroppe
 
 TEST_F(HttpConnectorTest, SilentNewConnectionGets408) {
         HttpConnector_setConnectionTimeout(connector, 1);
+        // Silence is answered before the first request, whatever the connection's count.
+        HttpConnector_setKeepAliveRequests(connector, 3);
         start();
         int fd = connectTo(port);
         auto begun = std::chrono::steady_clock::now();

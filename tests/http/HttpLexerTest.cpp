@@ -150,7 +150,7 @@ TEST(HttpLexer, TargetsOptionsAndAbsoluteForms) {
                 Connection c;
                 ASSERT_EQ(c.parse("OPTIONS * HTTP/1.0\r\n\r\n"), 200);
                 EXPECT_STREQ(HttpRequest_getRequestURI(c.request), "*");
-                EXPECT_EQ(HttpRequest_method(c.request), 6);
+                EXPECT_EQ(HttpRequest_method(c.request), HttpRequest_OPTIONS);
         }
         {
                 Connection c;

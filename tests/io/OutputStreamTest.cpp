@@ -210,6 +210,66 @@ TEST(OutputStream, ADiscardingStreamSendsTheHeadAlone) {
         EXPECT_EQ(OutputStream_getBytesWritten(out), 0);
 }
 
+namespace {
+
+// An owner as the response module is one: it puts its head in front of the body when
+// asked, and says whether its client takes gzip.
+struct Owner {
+        OutputStream_T out;
+        Chain_T head;
+        bool takesGzip = false;
+        int commits = 0;
+        int gzipMarks = 0;
+};
+
+const OutputStream_Response kOwnerCalls = {
+    [](void* o) {
+            auto owner = static_cast<Owner*>(o);
+            owner->commits++;
+            OutputStream_commit(owner->out, owner->head);
+    },
+    [](void* o) { return static_cast<int>(static_cast<Owner*>(o)->takesGzip); },
+    [](void* o) { static_cast<Owner*>(o)->gzipMarks++; }};
+
+}  // namespace
+
+TEST(OutputStream, AnAttachedResponseIsCommittedOnceAndAskedBeforeCompressing) {
+        Loopback L;
+        ASSERT_TRUE(L.peer);
+        OutputStream_T out = InetAddress_getOutputStream(L.peer);
+        const char* plainHead = "HTTP/1.1 200 OK\r\n\r\n";
+        Owner owner{out, head(InetAddress_getArena(L.peer), plainHead)};
+        OutputStream_setResponse(out, &kOwnerCalls, &owner);
+        EXPECT_FALSE(OutputStream_startCompress(out, 6));
+        EXPECT_FALSE(OutputStream_isCompressed(out));
+        OutputStream_print(out, "%s", "hello");
+        EXPECT_EQ(owner.commits, 0);
+        OutputStream_flush(out);
+        OutputStream_print(out, "%s", "!");
+        OutputStream_flush(out);
+        EXPECT_EQ(L.receive(strlen(plainHead) + 6), std::string(plainHead) + "hello!");
+        EXPECT_EQ(owner.commits, 1);
+        // The head is out: its Content-Encoding can no longer be set.
+        owner.takesGzip = true;
+        EXPECT_FALSE(OutputStream_startCompress(out, 6));
+        EXPECT_EQ(owner.gzipMarks, 0);
+
+        InetAddress_release(L.peer);
+        out = InetAddress_getOutputStream(L.peer);
+        Owner taker{out, head(InetAddress_getArena(L.peer), plainHead), true};
+        OutputStream_setResponse(out, &kOwnerCalls, &taker);
+        EXPECT_TRUE(OutputStream_startCompress(out, 6));
+        EXPECT_EQ(taker.gzipMarks, 1);
+        OutputStream_end(out);
+        // Detached, the stream neither commits nor asks.
+        taker.takesGzip = false;
+        OutputStream_setResponse(out, nullptr, &taker);
+        EXPECT_TRUE(OutputStream_startCompress(out, 6));
+        OutputStream_end(out);
+        OutputStream_flush(out);
+        EXPECT_EQ(taker.commits, 0);
+}
+
 TEST(OutputStream, PartialWritesResumeWithoutSecondChunkLines) {
         Loopback L;
         ASSERT_TRUE(L.peer);
