@@ -20,6 +20,7 @@
 #include <vesk/Socket.h>
 
 #include "net/FileSource.hpp"
+#include "util/Holder.hpp"
 
 namespace {
 
@@ -28,14 +29,15 @@ constexpr int kBacklog = 1024;
 constexpr int kConnectTimeout = 3000;
 constexpr int kSendTimeout = 3000;
 
-// Frees a getaddrinfo list on every way out.
-struct AddrInfo {
+using AddrInfo = vesk::Holder<struct addrinfo*, freeaddrinfo>;
+
+// getaddrinfo, whose list result then owns; the status of the look-up.
+int lookUp(const char* host, const char* service, const struct addrinfo* hints, AddrInfo& result) {
         struct addrinfo* list = nullptr;
-        ~AddrInfo() {
-                if (list)
-                        freeaddrinfo(list);
-        }
-};
+        int status = getaddrinfo(host, service, hints, &list);
+        result.reset(list);
+        return status;
+}
 
 int familyOf(int version) {
         if (version == 4)
@@ -172,10 +174,10 @@ int Net_vresolve(const char* host, int version) {
         hints.ai_protocol = kTCP;
         hints.ai_family = familyOf(version);
         AddrInfo result;
-        if (getaddrinfo(host, nullptr, &hints, &result.list) != 0)
+        if (lookUp(host, nullptr, &hints, result) != 0)
                 return 0;
         int count = 0;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next)
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next)
                 if (version == 4 ? r->ai_family == AF_INET : r->ai_family != AF_INET)
                         count++;
         return count;
@@ -183,10 +185,10 @@ int Net_vresolve(const char* host, int version) {
 
 int Net_resolve(const char* host) {
         AddrInfo result;
-        if (getaddrinfo(host, nullptr, nullptr, &result.list) != 0)
+        if (lookUp(host, nullptr, nullptr, result) != 0)
                 return 0;
         int count = 0;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next)
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next)
                 if (r->ai_protocol == kTCP)
                         count++;
         return count;
@@ -198,10 +200,10 @@ char* Net_getAddressOfHost(const char* host, int version, char* result, int size
         struct addrinfo hints = {};
         hints.ai_family = familyOf(version);
         AddrInfo list;
-        int status = getaddrinfo(host, nullptr, &hints, &list.list);
+        int status = lookUp(host, nullptr, &hints, list);
         if (status == 0) {
                 struct addrinfo* found = nullptr;
-                for (struct addrinfo* r = list.list; r && !found; r = r->ai_next)
+                for (struct addrinfo* r = list.get(); r && !found; r = r->ai_next)
                         if (version == 4 ? r->ai_family == AF_INET : r->ai_family != AF_INET)
                                 found = r;
                 status = found ? Net_getAddrInfo(found->ai_addr, found->ai_addrlen, result, size)
@@ -312,13 +314,13 @@ int Net_createServerSocket(ServerSocket_T S) {
         hints.ai_protocol = kTCP;
         hints.ai_family = familyOf(version);
         AddrInfo result;
-        int status = getaddrinfo(ServerSocket_getBindAddress(S), port, &hints, &result.list);
+        int status = lookUp(ServerSocket_getBindAddress(S), port, &hints, result);
         if (status != 0) {
                 Error_debug("Error: creating server socket -- %s\n", gai_strerror(status));
                 errno = EHOSTUNREACH;
                 return -2;
         }
-        struct addrinfo* r = result.list;
+        struct addrinfo* r = result.get();
         int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
         if (fd < 0)
                 return -1;
@@ -441,12 +443,12 @@ int Net_createSocket(Socket_T S) {
         struct addrinfo hints = {};
         hints.ai_socktype = SOCK_STREAM;
         AddrInfo result;
-        if (getaddrinfo(Socket_getHost(S), port, &hints, &result.list) != 0) {
+        if (lookUp(Socket_getHost(S), port, &hints, result) != 0) {
                 errno = EHOSTUNREACH;
                 return -2;
         }
         int error = EHOSTUNREACH;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next) {
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next) {
                 int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
                 if (fd < 0) {
                         error = errno;
