@@ -9,6 +9,8 @@
 #include <vesk/StringBuffer.h>
 #include <vesk/assert.h>
 
+#include "util/Holder.hpp"
+
 struct StringBuffer_S {
         int used;          // bytes of text, the terminator not counted
         int length;        // capacity of buffer
@@ -50,20 +52,6 @@ void checkIndex(StringBuffer_T S, int index) {
         if (index < 0 || index > S->used)
                 THROW(AssertException, "Index out of bounds");
 }
-
-// Owns one deflate stream for the length of a call.
-struct Deflater {
-        z_stream stream{};
-        int status;
-        explicit Deflater(int level)
-            : status(deflateInit2(&stream, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY)) {}
-        ~Deflater() {
-                if (status == Z_OK || status == Z_STREAM_END)
-                        deflateEnd(&stream);
-        }
-        Deflater(const Deflater&) = delete;
-        Deflater& operator=(const Deflater&) = delete;
-};
 
 // Ends a copied argument list on every way out.
 struct VaEnd {
@@ -307,26 +295,28 @@ const unsigned char* StringBuffer_toCompressed(StringBuffer_T S, int level, int*
         *len = 0;
         if (S->used < 1)
                 return nullptr;
-        Deflater z(level);
-        if (z.status != Z_OK)
-                THROW(AssertException, "compression failed: %s", zError(z.status));
-        uLong bound = deflateBound(&z.stream, static_cast<uLong>(S->used));
+        z_stream stream{};
+        int status = deflateInit2(&stream, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+        if (status != Z_OK)
+                THROW(AssertException, "compression failed: %s", zError(status));
+        vesk::Holder<z_stream*, deflateEnd> started(&stream);
+        uLong bound = deflateBound(&stream, static_cast<uLong>(S->used));
         if (bound > INT_MAX)
                 THROW(AssertException, "compression failed: %s", zError(Z_BUF_ERROR));
         if (S->compressed)
                 RESIZE(S->compressed, static_cast<int>(bound));
         else
                 S->compressed = static_cast<char*>(ALLOC(static_cast<int>(bound)));
-        z.stream.next_in = reinterpret_cast<Bytef*>(S->buffer);
-        z.stream.avail_in = static_cast<uInt>(S->used);
-        z.stream.next_out = reinterpret_cast<Bytef*>(S->compressed);
-        z.stream.avail_out = static_cast<uInt>(bound);
+        stream.next_in = reinterpret_cast<Bytef*>(S->buffer);
+        stream.avail_in = static_cast<uInt>(S->used);
+        stream.next_out = reinterpret_cast<Bytef*>(S->compressed);
+        stream.avail_out = static_cast<uInt>(bound);
         // The output block is as large as deflate can need, so one call does all the work.
-        int status = deflate(&z.stream, Z_FINISH);
+        status = deflate(&stream, Z_FINISH);
         if (status != Z_STREAM_END) {
                 FREE(S->compressed);
                 THROW(AssertException, "compression failed: %s", zError(status));
         }
-        *len = static_cast<int>(bound - z.stream.avail_out);
+        *len = static_cast<int>(bound - stream.avail_out);
         return reinterpret_cast<const unsigned char*>(S->compressed);
 }
