@@ -10,6 +10,7 @@
 #include <vesk/assert.h>
 
 #include "util/Holder.hpp"
+#include "util/Replace.hpp"
 
 struct StringBuffer_S {
         int used;          // bytes of text, the terminator not counted
@@ -91,12 +92,10 @@ void StringBuffer_free(StringBuffer_T* S) {
 
 StringBuffer_T StringBuffer_append(StringBuffer_T S, const char* fmt, ...) {
         assert(S);
-        if (fmt && *fmt) {
-                va_list ap;
-                va_start(ap, fmt);
-                StringBuffer_vappend(S, fmt, ap);
-                va_end(ap);
-        }
+        va_list ap;
+        va_start(ap, fmt);
+        StringBuffer_vappend(S, fmt, ap);
+        va_end(ap);
         return S;
 }
 
@@ -128,12 +127,10 @@ StringBuffer_T StringBuffer_vappend(StringBuffer_T S, const char* fmt, va_list a
 StringBuffer_T StringBuffer_set(StringBuffer_T S, const char* fmt, ...) {
         assert(S);
         StringBuffer_clear(S);
-        if (fmt && *fmt) {
-                va_list ap;
-                va_start(ap, fmt);
-                StringBuffer_vappend(S, fmt, ap);
-                va_end(ap);
-        }
+        va_list ap;
+        va_start(ap, fmt);
+        StringBuffer_vappend(S, fmt, ap);
+        va_end(ap);
         return S;
 }
 
@@ -243,12 +240,7 @@ int StringBuffer_replace(StringBuffer_T S, const char* a, const char* b) {
                 return 0;
         size_t la = strlen(a);
         size_t lb = strlen(b);
-        char* end = S->buffer + S->used;
-        // First pass: every match, overlapping ones included, sizes the room needed.
-        long count = 0;
-        for (char* p = S->buffer;
-             (p = static_cast<char*>(memmem(p, static_cast<size_t>(end - p), a, la))); p++)
-                count++;
+        long count = vesk::countMatches(S->buffer, static_cast<size_t>(S->used), a, la);
         if (count == 0)
                 return 0;
         long d = static_cast<long>(lb) - static_cast<long>(la);
@@ -266,26 +258,11 @@ int StringBuffer_replace(StringBuffer_T S, const char* a, const char* b) {
                 // start: the writer stays behind the reader, so no tail is moved per match.
                 memmove(S->buffer + shift, S->buffer, static_cast<size_t>(S->used) + 1);
         }
-        const char* r = S->buffer + shift;
-        end = S->buffer + shift + S->used;
-        char* w = S->buffer;
-        int replaced = 0;
-        // Second pass: from the left, going on behind each match, so overlapping matches
-        // counted above are not all replaced.
-        for (const char* m;
-             (m = static_cast<const char*>(memmem(r, static_cast<size_t>(end - r), a, la)));
-             r = m + la) {
-                size_t segment = static_cast<size_t>(m - r);
-                memmove(w, r, segment);
-                w += segment;
-                memcpy(w, b, lb);
-                w += lb;
-                replaced++;
-        }
-        size_t tail = static_cast<size_t>(end - r);
-        memmove(w, r, tail + 1);
-        S->used = static_cast<int>(w + tail - S->buffer);
-        return replaced;
+        const char* text = S->buffer + shift;
+        vesk::Replaced done =
+            vesk::replaceMatches(S->buffer, text, text + S->used, a, la, b, lb);
+        S->used = static_cast<int>(done.end - S->buffer);
+        return done.count;
 }
 
 const unsigned char* StringBuffer_toCompressed(StringBuffer_T S, int level, int* len) {
