@@ -157,23 +157,21 @@ int transfer(SSL_T S, void* buffer, int size, int timeout, bool reading) {
                 ERR_clear_error();
                 errno = 0;
                 int n = reading ? SSL_read(S->ssl, buffer, size) : SSL_write(S->ssl, buffer, size);
-                switch (SSL_get_error(S->ssl, n)) {
+                int error = SSL_get_error(S->ssl, n);
+                switch (error) {
                 case SSL_ERROR_NONE:
                         return n;
                 case SSL_ERROR_WANT_READ:
+                case SSL_ERROR_WANT_WRITE: {
+                        // The protocol may want either direction, whichever call this is.
                         errno = EAGAIN;
-                        if (!Net_canRead(S->socket, timeout)) {
+                        auto ready = error == SSL_ERROR_WANT_READ ? Net_canRead : Net_canWrite;
+                        if (!ready(S->socket, timeout)) {
                                 errno = EAGAIN;
                                 return 0;
                         }
                         break;
-                case SSL_ERROR_WANT_WRITE:
-                        errno = EAGAIN;
-                        if (!Net_canWrite(S->socket, timeout)) {
-                                errno = EAGAIN;
-                                return 0;
-                        }
-                        break;
+                }
                 case SSL_ERROR_ZERO_RETURN:
                         errno = 0;
                         return n;
