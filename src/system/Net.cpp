@@ -30,6 +30,8 @@ constexpr int kConnectTimeout = 3000;
 constexpr int kSendTimeout = 3000;
 
 using AddrInfo = vesk::Holder<struct addrinfo*, freeaddrinfo>;
+// A socket on its way to being set up, closed should a step fail.
+using Descriptor = vesk::Descriptor<Net_close>;
 
 // getaddrinfo, whose list result then owns; the status of the look-up.
 int lookUp(const char* host, const char* service, const struct addrinfo* hints, AddrInfo& result) {
@@ -52,13 +54,6 @@ int familyOf(int version) {
 // lingering), and a second close could hit a descriptor another thread has just been given.
 int closeRetrying(int fd, bool alsoAgain) {
         return close(fd) == 0 || errno == EINTR || (alsoAgain && errno == EAGAIN);
-}
-
-// Closes fd on a failure path without losing the errno that explains the failure.
-void closeKeepingErrno(int fd) {
-        int saved = errno;
-        closeRetrying(fd, false);
-        errno = saved;
 }
 
 int setFlag(int fd, int level, int option, int value) {
@@ -321,20 +316,19 @@ int Net_createServerSocket(ServerSocket_T S) {
                 return -2;
         }
         struct addrinfo* r = result.get();
-        int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
-        if (fd < 0)
+        Descriptor owner(socket(r->ai_family, r->ai_socktype, r->ai_protocol));
+        int fd = owner.get();
+        if (!owner)
                 return -1;
         if (version == 6 && !setFlag(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1))
                 Error_debug("Warning: IPV6_V6ONLY failed -- %s\n", strerror(errno));
         if (!setFlag(fd, SOL_SOCKET, SO_REUSEADDR, 1) ||
             !setFlag(fd, SOL_SOCKET, SO_KEEPALIVE, 1) || !setCloseOnExec(fd) ||
             !Net_setNonBlocking(fd) || bind(fd, r->ai_addr, r->ai_addrlen) != 0 ||
-            listen(fd, kBacklog) != 0) {
-                closeKeepingErrno(fd);
+            listen(fd, kBacklog) != 0)
                 return -1;
-        }
         ServerSocket_setAddrSize(S, static_cast<int>(r->ai_addrlen));
-        return fd;
+        return owner.release();
 }
 
 ssize_t Net_read(int fd, void* buf, size_t size, int timeout) {
@@ -426,15 +420,16 @@ InetAddress_T Net_accept(ServerSocket_T S) {
         socklen_t len = static_cast<socklen_t>(ServerSocket_getAddrSize(S));
         if (len == 0 || len > sizeof addr)
                 len = sizeof addr;
-        int fd = accept(ServerSocket_getSocket(S), reinterpret_cast<struct sockaddr*>(&addr), &len);
-        if (fd == -1)
+        Descriptor owner(
+            accept(ServerSocket_getSocket(S), reinterpret_cast<struct sockaddr*>(&addr), &len));
+        int fd = owner.get();
+        if (!owner || !setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1))
                 return nullptr;
-        if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1)) {
-                closeKeepingErrno(fd);
-                return nullptr;
-        }
-        return InetAddress_new(ServerSocket_getPort(S), fd,
-                               reinterpret_cast<struct sockaddr*>(&addr), static_cast<int>(len), 0);
+        InetAddress_T accepted =
+            InetAddress_new(ServerSocket_getPort(S), fd, reinterpret_cast<struct sockaddr*>(&addr),
+                            static_cast<int>(len), 0);
+        owner.release();
+        return accepted;
 }
 
 int Net_createSocket(Socket_T S) {
@@ -449,15 +444,14 @@ int Net_createSocket(Socket_T S) {
         }
         int error = EHOSTUNREACH;
         for (struct addrinfo* r = result.get(); r; r = r->ai_next) {
-                int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
-                if (fd < 0) {
+                Descriptor owner(socket(r->ai_family, r->ai_socktype, r->ai_protocol));
+                int fd = owner.get();
+                if (!owner) {
                         error = errno;
                         continue;
                 }
-                if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1)) {
-                        closeKeepingErrno(fd);
+                if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1))
                         return -1;
-                }
                 int status = connect(fd, r->ai_addr, r->ai_addrlen);
                 if (status != 0 && errno == EINPROGRESS) {
                         int ready = pollFor(fd, POLLIN | POLLOUT, kConnectTimeout);
@@ -476,10 +470,9 @@ int Net_createSocket(Socket_T S) {
                         Socket_setInetAddress(S,
                                               InetAddress_new(Socket_getPort(S), fd, r->ai_addr,
                                                               static_cast<int>(r->ai_addrlen), 1));
-                        return fd;
+                        return owner.release();
                 }
                 error = errno;
-                closeKeepingErrno(fd);
         }
         errno = error;
         return -1;
