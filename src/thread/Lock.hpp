@@ -3,7 +3,8 @@
 // Taking or releasing a lock is checked: a non-zero status raises AssertException with the
 // text "_yystatus == 0". A guard releases what it holds when it goes out of scope, also
 // when a raise leaves the scope; an unlock that fails while a raise is already on its way
-// is logged instead, since two raises at once would end the process.
+// is logged instead, since two raises at once would end the process. A mutex guard given
+// its owner's name logs every failure instead of raising.
 #pragma once
 
 #include <pthread.h>
