@@ -15,6 +15,9 @@
 
 namespace {
 
+// How long a blocked writer waits for its descriptor, in milliseconds.
+constexpr int kWriteTimeout = 3000;
+
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 // Value of each byte in the alphabet, or -1 for a byte outside it ('=' included).
@@ -87,7 +90,7 @@ int writeAll(BIO* out, int fd, const char* data, int n) {
                 int w = BIO_write(out, data + done, n - done);
                 if (w > 0)
                         done += w;
-                else if (!BIO_should_retry(out) || !Net_canWrite(fd, 3000))
+                else if (!BIO_should_retry(out) || !Net_canWrite(fd, kWriteTimeout))
                         break;
         }
         return done;
