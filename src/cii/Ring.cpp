@@ -173,15 +173,6 @@ void Ring_rotate(Ring_T ring, int n) {
         if (ring->length == 0)
                 return;
         int i = n >= 0 ? n % ring->length : n + ring->length;
-        // A turn to the right by i makes the element i places left of head the new head; going
-        // the other way round instead keeps the walk to half a lap at most.
-        Node* q = ring->head;
-        if (i <= ring->length / 2) {
-                while (i-- > 0)
-                        q = q->llink;
-        } else {
-                for (i = ring->length - i; i-- > 0;)
-                        q = q->rlink;
-        }
-        ring->head = q;
+        // A turn to the right by i makes the element i places left of head the new head.
+        ring->head = nodeAt(ring, (ring->length - i) % ring->length);
 }

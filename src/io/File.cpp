@@ -24,6 +24,7 @@
 
 #include "io/FileMap.hpp"
 #include "io/MapGuard.hpp"
+#include "util/Holder.hpp"
 
 #include <vesk/assert.h>
 
@@ -88,14 +89,7 @@ bool accessible(const char* path, int how) {
         return access(path, how) == 0;
 }
 
-// Closes a descriptor when the scope ends, however it ends.
-struct Descriptor {
-        int fd;
-        ~Descriptor() {
-                if (fd >= 0)
-                        File_close(fd);
-        }
-};
+using Descriptor = vesk::Descriptor<File_close>;
 
 }  // namespace
 
@@ -207,10 +201,10 @@ const char* File_md(File_T F, const char* algorithm) {
                 errno = ENOENT;
                 return nullptr;
         }
-        Descriptor file{File_open(F->path, "r")};
-        if (file.fd < 0)
+        Descriptor file(File_open(F->path, "r"));
+        if (!file)
                 return nullptr;
-        if (!Crypto_digestStream(algorithm, file.fd, F->md)) {
+        if (!Crypto_digestStream(algorithm, file.get(), F->md)) {
                 F->md[0] = 0;
                 errno = EINVAL;
         }
@@ -229,21 +223,18 @@ const char* File_etag(File_T F) {
 namespace {
 
 // Maps size bytes of path into F's record by mode. The descriptor is not needed once the
-// mapping exists, so it is closed at once, keeping the errno of a failed mmap.
+// mapping exists, so it is closed on the way out, keeping the errno of a failed mmap.
 bool mapfile(File_T F, const char* path, const char* mode, off_t size) {
         F->map.mode[0] = mode[0];
         F->map.mode[1] = mode[0] ? mode[1] : 0;
         F->map.file = F;
-        int fd = File_open(path, mode);
-        if (fd < 0)
+        Descriptor fd(File_open(path, mode));
+        if (!fd)
                 return false;
         bool writable = F->map.mode[1] == '+';
         void* address =
             mmap(nullptr, static_cast<size_t>(size), writable ? PROT_READ | PROT_WRITE : PROT_READ,
-                 writable ? MAP_SHARED : MAP_PRIVATE, fd, 0);
-        int saved = errno;
-        File_close(fd);
-        errno = saved;
+                 writable ? MAP_SHARED : MAP_PRIVATE, fd.get(), 0);
         if (address == MAP_FAILED) {
                 F->map.address = nullptr;
                 return false;

@@ -6,6 +6,8 @@
 #include <vesk/Table.h>
 #include <vesk/assert.h>
 
+#include "util/TableWalk.hpp"
+
 struct Engine_S {
         int stopped;
         Table_T hosts;
@@ -16,21 +18,6 @@ struct Engine_S {
         const char* defaultHostName;
         Arena_T arena;
 };
-
-namespace {
-
-// Calls f for every Host in table order.
-template <typename F>
-void eachHost(Engine_T E, F f) {
-        Table_map(
-            E->hosts,
-            [](const void*, void** value, void* cl) {
-                    (*static_cast<F*>(cl))(static_cast<Host_T>(*value));
-            },
-            &f);
-}
-
-}  // namespace
 
 Engine_T Engine_new(void) {
         Engine_T E;
@@ -44,11 +31,7 @@ Engine_T Engine_new(void) {
 
 void Engine_free(Engine_T* E) {
         assert(E && *E);
-        void** hosts = Table_toArray((*E)->hosts);
-        for (int i = 0; hosts[i]; i += 2) {
-                Host_T host = static_cast<Host_T>(hosts[i + 1]);
-                Host_free(&host);
-        }
+        vesk::eachValue<Host_T>((*E)->hosts, [](Host_T host) { Host_free(&host); });
         Arena_dispose(&(*E)->arena);
         if ((*E)->service)
                 Service_free(&(*E)->service);
@@ -135,7 +118,7 @@ void Engine_start(Engine_T E) {
         if (!E->defaultHost)
                 THROW(AssertException, "Default host not defined");
         Error_debug("Engine started\n");
-        eachHost(E, [](Host_T host) { Host_start(host); });
+        vesk::eachValue<Host_T>(E->hosts, Host_start);
         if (E->service)
                 Service_start(E->service);
         E->stopped = 0;
@@ -144,7 +127,7 @@ void Engine_start(Engine_T E) {
 void Engine_stop(Engine_T E) {
         assert(E);
         E->stopped = 1;
-        eachHost(E, [](Host_T host) { Host_stop(host); });
+        vesk::eachValue<Host_T>(E->hosts, Host_stop);
         if (E->service)
                 Service_stop(E->service);
         Error_debug("Engine stopped\n");

@@ -10,6 +10,8 @@
 #include <vesk/Table.h>
 #include <vesk/assert.h>
 
+#include "util/TableWalk.hpp"
+
 struct Host_S {
         SSL_T ssl;
         char* name;
@@ -33,16 +35,6 @@ char* lowered(Host_T H, const char* s) {
         return Str_toLower(STR_DUP_ARENA(H->arena, s));
 }
 
-template <typename F>
-void eachContext(Host_T H, F f) {
-        Table_map(
-            H->contexts,
-            [](const void*, void** value, void* cl) {
-                    (*static_cast<F*>(cl))(static_cast<Context_T>(*value));
-            },
-            &f);
-}
-
 }  // namespace
 
 Host_T Host_new(void) {
@@ -57,11 +49,8 @@ Host_T Host_new(void) {
 
 void Host_free(Host_T* H) {
         assert(H && *H);
-        void** contexts = Table_toArray((*H)->contexts);
-        for (int i = 0; contexts[i]; i += 2) {
-                Context_T context = static_cast<Context_T>(contexts[i + 1]);
-                Context_free(&context);
-        }
+        vesk::eachValue<Context_T>((*H)->contexts,
+                                   [](Context_T context) { Context_free(&context); });
         if ((*H)->logger)
                 Logger_free(&(*H)->logger);
         if ((*H)->accessLogger)
@@ -232,12 +221,12 @@ void Host_start(Host_T H) {
         if (H->certificate)
                 H->ssl = SSLNew(H->certificate, H->ciphers);
         Error_debug("Host '%s' started\n", H->name ? H->name : "?");
-        eachContext(H, [](Context_T context) { Context_start(context); });
+        vesk::eachValue<Context_T>(H->contexts, Context_start);
 }
 
 void Host_stop(Host_T H) {
         assert(H);
-        eachContext(H, [](Context_T context) { Context_stop(context); });
+        vesk::eachValue<Context_T>(H->contexts, Context_stop);
         if (H->ssl)
                 SSLFree(&H->ssl);
         Error_debug("Host '%s' stopped\n", H->name ? H->name : "?");

@@ -20,6 +20,7 @@
 #include <vesk/assert.h>
 
 #include "thread/Lock.hpp"
+#include "util/TableWalk.hpp"
 
 struct Loader_S {
         Arena_T arena;
@@ -102,13 +103,11 @@ void Loader_free(Loader_T* L) {
         assert(L && *L);
         // Servlets still here when the Loader goes (a Context never started, or not
         // stopped) are released without their destroy.
-        void** all = Table_toArray((*L)->servlets);
-        for (int i = 0; all[i]; i += 2) {
-                Wrapper_T servlet = static_cast<Wrapper_T>(all[i + 1]);
+        vesk::eachValue<Wrapper_T>((*L)->servlets, [](Wrapper_T servlet) {
                 if (!Wrapper_isVirtual(servlet))
                         Dso_unLoad(servlet);
                 Wrapper_free(&servlet);
-        }
+        });
         Exception_wrapper(pthread_mutex_destroy(&((*L)->mutex)));
         *L = nullptr;
 }

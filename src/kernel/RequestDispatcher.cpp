@@ -16,6 +16,19 @@ int invoke(RequestDispatcher_T D) {
         return Context_invoke(context, D->request, D->response);
 }
 
+// Invokes the target with the response marked by mark for the length of the call, also
+// when the call raises.
+void invokeMarked(RequestDispatcher_T D, void (*mark)(HttpResponse_T, int)) {
+        mark(D->response, 1);
+        try {
+                invoke(D);
+        } catch (...) {
+                mark(D->response, 0);
+                throw;
+        }
+        mark(D->response, 0);
+}
+
 }  // namespace
 
 RequestDispatcher_T RequestDispatcher_new(HttpRequest_T parent, HttpRequest_T wrap) {
@@ -47,26 +60,12 @@ int RequestDispatcher_forward(RequestDispatcher_T D) {
         if (HttpResponse_isCommited(D->response))
                 return false;
         HttpResponse_resetBuffer(D->response);
-        HttpResponse_setProcessingForward(D->response, 1);
-        try {
-                invoke(D);
-        } catch (...) {
-                HttpResponse_setProcessingForward(D->response, 0);
-                throw;
-        }
-        HttpResponse_setProcessingForward(D->response, 0);
+        invokeMarked(D, HttpResponse_setProcessingForward);
         return true;
 }
 
 int RequestDispatcher_include(RequestDispatcher_T D) {
         assert(D);
-        HttpResponse_setProcessingInclude(D->response, 1);
-        try {
-                invoke(D);
-        } catch (...) {
-                HttpResponse_setProcessingInclude(D->response, 0);
-                throw;
-        }
-        HttpResponse_setProcessingInclude(D->response, 0);
+        invokeMarked(D, HttpResponse_setProcessingInclude);
         return true;
 }

@@ -11,7 +11,12 @@
 #include <vesk/StringBuffer.h>
 #include <vesk/assert.h>
 
+#include "util/Holder.hpp"
+
 namespace {
+
+// How long a blocked writer waits for its descriptor, in milliseconds.
+constexpr int kWriteTimeout = 3000;
 
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
@@ -64,37 +69,28 @@ int decode(unsigned char* dest, const char* source) {
         return static_cast<int>(d - dest);
 }
 
-// A heap block that is freed however the scope ends.
-struct Temporary {
-        char* p;
-        explicit Temporary(int size) : p(static_cast<char*>(ALLOC(size))) {}
-        ~Temporary() { FREE(p); }
-        Temporary(const Temporary&) = delete;
-        Temporary& operator=(const Temporary&) = delete;
-};
+using Block = vesk::Block<char>;
+using Bio = vesk::Holder<BIO*, BIO_free_all>;
 
-// A chain of BIOs over a descriptor that the chain does not close.
-struct Chain {
-        BIO* bio;
-        Chain(int fd, bool filtered) : bio(BIO_new_socket(fd, BIO_NOCLOSE)) {
-                if (filtered && bio) {
-                        BIO* b64 = BIO_new(BIO_f_base64());
-                        bio = b64 ? BIO_push(b64, bio) : (BIO_free(bio), nullptr);
-                }
+// A chain of BIOs over a descriptor that the chain does not close, with the base64 filter
+// in front when filtered; empty if a BIO cannot be had.
+Bio chain(int fd, bool filtered) {
+        Bio bio(BIO_new_socket(fd, BIO_NOCLOSE));
+        if (filtered && bio) {
+                BIO* b64 = BIO_new(BIO_f_base64());
+                bio.reset(b64 ? BIO_push(b64, bio.release()) : nullptr);
         }
-        ~Chain() { BIO_free_all(bio); }
-        Chain(const Chain&) = delete;
-        Chain& operator=(const Chain&) = delete;
-};
+        return bio;
+}
 
 // Writes all n bytes to out; the count written, short only when out fails.
-int writeAll(Chain& out, int fd, const char* data, int n) {
+int writeAll(BIO* out, int fd, const char* data, int n) {
         int done = 0;
         while (done < n) {
-                int w = BIO_write(out.bio, data + done, n - done);
+                int w = BIO_write(out, data + done, n - done);
                 if (w > 0)
                         done += w;
-                else if (!BIO_should_retry(out.bio) || !Net_canWrite(fd, 3000))
+                else if (!BIO_should_retry(out) || !Net_canWrite(fd, kWriteTimeout))
                         break;
         }
         return done;
@@ -102,23 +98,23 @@ int writeAll(Chain& out, int fd, const char* data, int n) {
 
 // Copies from in to out until in ends or fails; the filter sits on one of the two sides.
 int copy(int in, int out, bool decoding, int chunk) {
-        Chain source(in, decoding), sink(out, !decoding);
-        if (!source.bio || !sink.bio)
+        Bio source = chain(in, decoding), sink = chain(out, !decoding);
+        if (!source || !sink)
                 return 0;
         char buffer[1500];
         int total = 0;
         for (;;) {
-                int n = BIO_read(source.bio, buffer, chunk);
+                int n = BIO_read(source.get(), buffer, chunk);
                 if (n >= 1) {
-                        int w = writeAll(sink, out, buffer, n);
+                        int w = writeAll(sink.get(), out, buffer, n);
                         total += w;
                         if (w < n)
                                 break;
-                } else if (!(BIO_should_retry(source.bio) && Net_canRead(in, 0))) {
+                } else if (!(BIO_should_retry(source.get()) && Net_canRead(in, 0))) {
                         break;
                 }
         }
-        BIO_flush(sink.bio);
+        BIO_flush(sink.get());
         return total;
 }
 
@@ -172,16 +168,16 @@ int Base64_decode_len(const char* source) {
 StringBuffer_T Base64_encodeBuffer(StringBuffer_T sb) {
         assert(sb);
         int length = StringBuffer_length(sb);
-        Temporary text((length + 2) / 3 * 4 + 1);
-        Base64_encode(text.p, StringBuffer_toString(sb), length);
-        return StringBuffer_set(sb, "%s", text.p);
+        Block text(static_cast<char*>(ALLOC((length + 2) / 3 * 4 + 1)));
+        Base64_encode(text.get(), StringBuffer_toString(sb), length);
+        return StringBuffer_set(sb, "%s", text.get());
 }
 
 StringBuffer_T Base64_decodeBuffer(StringBuffer_T sb) {
         assert(sb);
-        Temporary text(Base64_decode_len(StringBuffer_toString(sb)) + 1);
-        Base64_decode(text.p, StringBuffer_toString(sb));
-        return StringBuffer_set(sb, "%s", text.p);
+        Block text(static_cast<char*>(ALLOC(Base64_decode_len(StringBuffer_toString(sb)) + 1)));
+        Base64_decode(text.get(), StringBuffer_toString(sb));
+        return StringBuffer_set(sb, "%s", text.get());
 }
 
 int Base64_encodeStream(int in, int out) {

@@ -10,31 +10,34 @@
 #include <vesk/Net.h>
 #include <vesk/assert.h>
 
+#include "util/Holder.hpp"
+
 namespace {
 
 constexpr char kHex[] = "0123456789ABCDEF";
 
-// The digest context is opaque to us, so it lives on the heap; this owns it.
-struct DigestContext {
-        EVP_MD_CTX* ctx = EVP_MD_CTX_new();
-        ~DigestContext() { EVP_MD_CTX_free(ctx); }
-        DigestContext() = default;
-        DigestContext(const DigestContext&) = delete;
-        DigestContext& operator=(const DigestContext&) = delete;
-};
+// The digest context is opaque to us, so it lives on the heap.
+using DigestContext = vesk::Holder<EVP_MD_CTX*, EVP_MD_CTX_free>;
 
-char* finish(DigestContext& d, char* result) {
+// A context started on the digest type, empty if it cannot be had.
+DigestContext start(const EVP_MD* type) {
+        DigestContext d(EVP_MD_CTX_new());
+        if (d && EVP_DigestInit_ex(d.get(), type, nullptr) != 1)
+                d.reset();
+        return d;
+}
+
+char* finish(const DigestContext& d, char* result) {
         unsigned char md[EVP_MAX_MD_SIZE];
         unsigned int mdlen = 0;
-        if (EVP_DigestFinal_ex(d.ctx, md, &mdlen) != 1)
+        if (EVP_DigestFinal_ex(d.get(), md, &mdlen) != 1)
                 return nullptr;
         return Crypto_digest2Bytes(md, static_cast<int>(mdlen), result);
 }
 
 char* oneShot(const EVP_MD* type, const char* text, char* result) {
-        DigestContext d;
-        if (!d.ctx || EVP_DigestInit_ex(d.ctx, type, nullptr) != 1 ||
-            EVP_DigestUpdate(d.ctx, text, strlen(text)) != 1)
+        DigestContext d = start(type);
+        if (!d || EVP_DigestUpdate(d.get(), text, strlen(text)) != 1)
                 return nullptr;
         return finish(d, result);
 }
@@ -106,14 +109,14 @@ char* Crypto_digestStream(const char* algorithm, int fd, char* result) {
         const EVP_MD* type = byName(algorithm);
         if (!type)
                 return nullptr;
-        DigestContext d;
-        if (!d.ctx || EVP_DigestInit_ex(d.ctx, type, nullptr) != 1)
+        DigestContext d = start(type);
+        if (!d)
                 return nullptr;
         unsigned char buffer[4096];
         for (;;) {
                 ssize_t n = Net_read(fd, buffer, sizeof buffer, 0);
                 if (n > 0) {
-                        if (EVP_DigestUpdate(d.ctx, buffer, static_cast<size_t>(n)) != 1)
+                        if (EVP_DigestUpdate(d.get(), buffer, static_cast<size_t>(n)) != 1)
                                 return nullptr;
                 } else if (n == 0) {
                         break;

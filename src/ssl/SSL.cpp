@@ -5,7 +5,6 @@
 #include <string.h>
 
 #include <atomic>
-#include <memory>
 
 #include <openssl/crypto.h>
 #include <openssl/err.h>
@@ -25,6 +24,7 @@
 #include <vesk/assert.h>
 
 #include "ssl/SSLTransport.hpp"
+#include "util/Holder.hpp"
 
 struct SSL_S {
         SSL* ssl;
@@ -56,7 +56,7 @@ constexpr uint64_t kServerOptions = kClientOptions | SSL_OP_CIPHER_SERVER_PREFER
 
 std::atomic<bool> started{false};
 
-using Context = std::unique_ptr<SSL_CTX, decltype(&SSL_CTX_free)>;
+using Context = vesk::Holder<SSL_CTX*, SSL_CTX_free>;
 
 // The oldest error of this thread's queue as text in error, and the queue cleared.
 const char* lastError(char* error) {
@@ -157,23 +157,21 @@ int transfer(SSL_T S, void* buffer, int size, int timeout, bool reading) {
                 ERR_clear_error();
                 errno = 0;
                 int n = reading ? SSL_read(S->ssl, buffer, size) : SSL_write(S->ssl, buffer, size);
-                switch (SSL_get_error(S->ssl, n)) {
+                int error = SSL_get_error(S->ssl, n);
+                switch (error) {
                 case SSL_ERROR_NONE:
                         return n;
                 case SSL_ERROR_WANT_READ:
+                case SSL_ERROR_WANT_WRITE: {
+                        // The protocol may want either direction, whichever call this is.
                         errno = EAGAIN;
-                        if (!Net_canRead(S->socket, timeout)) {
+                        auto ready = error == SSL_ERROR_WANT_READ ? Net_canRead : Net_canWrite;
+                        if (!ready(S->socket, timeout)) {
                                 errno = EAGAIN;
                                 return 0;
                         }
                         break;
-                case SSL_ERROR_WANT_WRITE:
-                        errno = EAGAIN;
-                        if (!Net_canWrite(S->socket, timeout)) {
-                                errno = EAGAIN;
-                                return 0;
-                        }
-                        break;
+                }
                 case SSL_ERROR_ZERO_RETURN:
                         errno = 0;
                         return n;
@@ -217,7 +215,7 @@ SSL_T SSLNew(const char* file, const char* ciphers) {
         assert(ciphers);
         char error[kErrorSize];
         ERR_clear_error();
-        Context ctx(SSL_CTX_new(TLS_server_method()), SSL_CTX_free);
+        Context ctx(SSL_CTX_new(TLS_server_method()));
         if (!ctx)
                 THROW(AssertException, "S->ctx");
         // One PEM file holds the chain, which also serves as the trusted CAs, and the key.

@@ -23,6 +23,21 @@
 #include <vesk/assert.h>
 
 #include "system/CommandClock.hpp"
+#include "util/Holder.hpp"
+
+namespace {
+
+void freeInput(InputStream_T stream) {
+        InputStream_free(&stream);
+}
+
+void freeOutput(OutputStream_T stream) {
+        OutputStream_free(&stream);
+}
+
+using Descriptor = vesk::Descriptor<close>;
+
+}  // namespace
 
 struct Command_S {
         int uid;
@@ -44,12 +59,14 @@ struct Process_S {
         int uid;
         int gid;
         int status;
-        int stdin[2];
-        int stdout[2];
-        int stderr[2];
-        InputStream_T inputStream;
-        InputStream_T errorStream;
-        OutputStream_T outputStream;
+        // The ends of the three pipes, and the streams over them, declared after them so
+        // that they are given back first.
+        Descriptor stdin[2];
+        Descriptor stdout[2];
+        Descriptor stderr[2];
+        vesk::Holder<InputStream_T, freeInput> inputStream;
+        vesk::Holder<InputStream_T, freeInput> errorStream;
+        vesk::Holder<OutputStream_T, freeOutput> outputStream;
         // Set when waitpid found no such child: someone else reaped it and its status is lost.
         bool reaped;
 };
@@ -120,12 +137,13 @@ pid_t reap(Process_T P, int options) {
 struct Launch {
         Command_T command;
         Process_T process;
-        char** argv;
-        char** envp;
+        vesk::Block<char*> argv;
+        vesk::Block<char*> envp;
         bool pipes;
         const char* user;  // the name of uid, or NULL when it has none
         int userError;
-        gid_t* groups;
+        vesk::Block<gid_t> groups;
+        vesk::Block<char> passwd;  // the storage behind user
         int groupCount;
 };
 
@@ -173,7 +191,7 @@ void changeIdentity(const Launch& L) {
                                  errorText(L.userError));
                         return;
                 }
-                if (setgroups(static_cast<size_t>(L.groupCount), L.groups) != 0) {
+                if (setgroups(static_cast<size_t>(L.groupCount), L.groups.get()) != 0) {
                         childLog("Command: initgroups for user %s failed -- %s\n", L.user,
                                  errorText(errno));
                         return;
@@ -214,12 +232,12 @@ void closeAbove2() {
         changeIdentity(L);
         setsid();
         if (L.pipes) {
-                close(P->stdin[1]);
-                close(P->stdout[0]);
-                close(P->stderr[0]);
-                redirect(P->stdin[0], 0, "stdin");
-                redirect(P->stdout[1], 1, "stdout");
-                redirect(P->stderr[1], 2, "stderr");
+                close(P->stdin[1].get());
+                close(P->stdout[0].get());
+                close(P->stderr[0].get());
+                redirect(P->stdin[0].get(), 0, "stdin");
+                redirect(P->stdout[1].get(), 1, "stdout");
+                redirect(P->stderr[1].get(), 2, "stderr");
         } else {
                 for (int fd = 0; fd < 3; fd++) {
                         close(fd);
@@ -245,9 +263,10 @@ void closeAbove2() {
         sigset_t none;
         sigemptyset(&none);
         pthread_sigmask(SIG_SETMASK, &none, nullptr);
-        execve(L.argv[0], L.argv, L.envp);
+        char** argv = L.argv.get();
+        execve(argv[0], argv, L.envp.get());
         int error = errno;
-        childLog("Command: '%s' failed to execute -- %s", L.argv[0], errorText(error));
+        childLog("Command: '%s' failed to execute -- %s", argv[0], errorText(error));
         _exit(error);
 }
 
@@ -262,80 +281,41 @@ pid_t spawn(const Launch& L) {
 /* ------------------------------------------------------------------ Parent */
 
 // Moves a descriptor out of 0, 1 and 2, where the child's redirections would clobber it.
-void lift(int& fd) {
-        if (fd > 2)
+void lift(Descriptor& fd) {
+        if (fd.get() > 2)
                 return;
-        int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
-        if (moved != -1) {
-                close(fd);
-                fd = moved;
-        }
+        int moved = fcntl(fd.get(), F_DUPFD_CLOEXEC, 3);
+        if (moved != -1)
+                fd.reset(moved);
 }
 
 // The three pipes. They close on exec so that no other child of this process holds the
 // child's input open; dup2 in the child clears that flag on 0, 1 and 2.
 void createPipes(Process_T P) {
-        int* ends[] = {P->stdin, P->stdout, P->stderr};
-        for (int* end : ends) {
-                if (pipe2(end, O_CLOEXEC) != 0) {
-                        int error = errno;
-                        for (int* e : ends)
-                                for (int i = 0; i < 2; i++)
-                                        if (e[i] >= 0)
-                                                close(e[i]);
-                        THROW(AssertException, "Bad file descriptors -- %s", errorText(error));
-                }
+        Descriptor* ends[] = {P->stdin, P->stdout, P->stderr};
+        for (Descriptor* end : ends) {
+                int fds[2];
+                if (pipe2(fds, O_CLOEXEC) != 0)
+                        THROW(AssertException, "Bad file descriptors -- %s", errorText(errno));
+                end[0].reset(fds[0]);
+                end[1].reset(fds[1]);
         }
-        for (int* end : ends) {
+        for (Descriptor* end : ends) {
                 lift(end[0]);
                 lift(end[1]);
         }
 }
 
-void closeEnd(int& fd) {
-        if (fd >= 0) {
-                close(fd);
-                fd = -1;
-        }
-}
-
-// What the parent holds while the child runs, given back whichever way execute leaves.
-struct Resources {
-        Process_T P;
-        Launch& L;
-        char* passwd = nullptr;
-        int pidfd = -1;
-
-        ~Resources() {
-                FREE(L.argv);
-                FREE(L.envp);
-                FREE(L.groups);
-                FREE(passwd);
-                if (pidfd >= 0)
-                        close(pidfd);
-                for (int* end : {P->stdin, P->stdout, P->stderr}) {
-                        closeEnd(end[0]);
-                        closeEnd(end[1]);
-                }
-                if (P->inputStream)
-                        InputStream_free(&P->inputStream);
-                if (P->errorStream)
-                        InputStream_free(&P->errorStream);
-                if (P->outputStream)
-                        OutputStream_free(&P->outputStream);
-        }
-};
-
 // Looks up the user name and its groups for a change of uid. The child's group is the
 // one it will run as, so a uid alone never adds group 0.
-void prepareUser(Command_T C, Launch& L, Resources& R) {
+void prepareUser(Command_T C, Launch& L) {
         long size = sysconf(_SC_GETPW_R_SIZE_MAX);
         if (size < 1024)
                 size = 16384;
-        R.passwd = static_cast<char*>(ALLOC(static_cast<int>(size)));
+        L.passwd.reset(static_cast<char*>(ALLOC(static_cast<int>(size))));
         struct passwd pw, *found = nullptr;
-        int error = getpwuid_r(static_cast<uid_t>(C->uid), &pw, R.passwd, static_cast<size_t>(size),
-                               &found);
+        int error = getpwuid_r(static_cast<uid_t>(C->uid), &pw, L.passwd.get(),
+                               static_cast<size_t>(size), &found);
         if (!found) {
                 L.userError = error ? error : ENOENT;
                 return;
@@ -344,13 +324,12 @@ void prepareUser(Command_T C, Launch& L, Resources& R) {
         gid_t group = C->gid ? static_cast<gid_t>(C->gid) : getgid();
         int count = 32;
         for (;;) {
-                L.groups = static_cast<gid_t*>(ALLOC(count * static_cast<int>(sizeof(gid_t))));
+                L.groups.reset(static_cast<gid_t*>(ALLOC(count * static_cast<int>(sizeof(gid_t)))));
                 int n = count;
-                if (getgrouplist(L.user, group, L.groups, &n) != -1) {
+                if (getgrouplist(L.user, group, L.groups.get(), &n) != -1) {
                         L.groupCount = n;
                         return;
                 }
-                FREE(L.groups);
                 count = n > count ? n : count * 2;
         }
 }
@@ -562,19 +541,16 @@ Command_T Command_execute(Command_T C) {
         P->status = -1;
         P->uid = static_cast<int>(getuid());
         P->gid = static_cast<int>(getgid());
-        for (int* end : {P->stdin, P->stdout, P->stderr})
-                end[0] = end[1] = -1;
         Launch L = {};
         L.command = C;
         L.process = P;
         L.pipes = C->onExec || C->onTimeout;
-        Resources R{P, L};
         if (L.pipes)
                 createPipes(P);
         if (C->uid)
-                prepareUser(C, L, R);
-        L.argv = reinterpret_cast<char**>(List_toArray(C->command));
-        L.envp = reinterpret_cast<char**>(List_toArray(C->env));
+                prepareUser(C, L);
+        L.argv.reset(reinterpret_cast<char**>(List_toArray(C->command)));
+        L.envp.reset(reinterpret_cast<char**>(List_toArray(C->env)));
         // With every signal blocked, none can reach a handler of ours while the child
         // still runs in our memory.
         sigset_t all, old;
@@ -588,17 +564,17 @@ Command_T Command_execute(Command_T C) {
         P->pid = pid;
         if (!L.pipes)
                 return C;
-        closeEnd(P->stdin[0]);
-        closeEnd(P->stdout[1]);
-        closeEnd(P->stderr[1]);
-        Net_setNonBlocking(P->stdin[1]);
-        Net_setNonBlocking(P->stdout[0]);
-        Net_setNonBlocking(P->stderr[0]);
+        P->stdin[0].reset();
+        P->stdout[1].reset();
+        P->stderr[1].reset();
+        Net_setNonBlocking(P->stdin[1].get());
+        Net_setNonBlocking(P->stdout[0].get());
+        Net_setNonBlocking(P->stderr[0].get());
         if (C->onExec)
                 C->onExec(P, C->onExecData);
         if (C->onTimeout) {
-                R.pidfd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-                watch(C, P, R.pidfd);
+                Descriptor pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+                watch(C, P, pidfd.get());
         }
         return C;
 }
@@ -666,29 +642,29 @@ int Process_kill(Process_T P) {
 OutputStream_T Process_getOutputStream(Process_T P) {
         assert(P);
         if (!P->outputStream)
-                P->outputStream = OutputStream_new(P->stdin[1]);
-        return P->outputStream;
+                P->outputStream.reset(OutputStream_new(P->stdin[1].get()));
+        return P->outputStream.get();
 }
 
 void Process_closeOutputStream(Process_T P) {
         assert(P);
         if (P->outputStream) {
-                OutputStream_flush(P->outputStream);
-                OutputStream_free(&P->outputStream);
+                OutputStream_flush(P->outputStream.get());
+                P->outputStream.reset();
         }
-        closeEnd(P->stdin[1]);
+        P->stdin[1].reset();
 }
 
 InputStream_T Process_getInputStream(Process_T P) {
         assert(P);
         if (!P->inputStream)
-                P->inputStream = InputStream_new(P->stdout[0]);
-        return P->inputStream;
+                P->inputStream.reset(InputStream_new(P->stdout[0].get()));
+        return P->inputStream.get();
 }
 
 InputStream_T Process_getErrorStream(Process_T P) {
         assert(P);
         if (!P->errorStream)
-                P->errorStream = InputStream_new(P->stderr[0]);
-        return P->errorStream;
+                P->errorStream.reset(InputStream_new(P->stderr[0].get()));
+        return P->errorStream.get();
 }

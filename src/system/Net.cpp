@@ -21,6 +21,8 @@
 #include <vesk/ServerSocket.h>
 #include <vesk/Socket.h>
 
+#include "util/Holder.hpp"
+
 namespace {
 
 constexpr int kTCP = 6;
@@ -28,14 +30,17 @@ constexpr int kBacklog = 1024;
 constexpr int kConnectTimeout = 3000;
 constexpr int kSendTimeout = 3000;
 
-// Frees a getaddrinfo list on every way out.
-struct AddrInfo {
+using AddrInfo = vesk::Holder<struct addrinfo*, freeaddrinfo>;
+// A socket on its way to being set up, closed should a step fail.
+using Descriptor = vesk::Descriptor<Net_close>;
+
+// getaddrinfo, whose list result then owns; the status of the look-up.
+int lookUp(const char* host, const char* service, const struct addrinfo* hints, AddrInfo& result) {
         struct addrinfo* list = nullptr;
-        ~AddrInfo() {
-                if (list)
-                        freeaddrinfo(list);
-        }
-};
+        int status = getaddrinfo(host, service, hints, &list);
+        result.reset(list);
+        return status;
+}
 
 int familyOf(int version) {
         if (version == 4)
@@ -50,13 +55,6 @@ int familyOf(int version) {
 // lingering), and a second close could hit a descriptor another thread has just been given.
 int closeRetrying(int fd, bool alsoAgain) {
         return close(fd) == 0 || errno == EINTR || (alsoAgain && errno == EAGAIN);
-}
-
-// Closes fd on a failure path without losing the errno that explains the failure.
-void closeKeepingErrno(int fd) {
-        int saved = errno;
-        closeRetrying(fd, false);
-        errno = saved;
 }
 
 int setFlag(int fd, int level, int option, int value) {
@@ -172,10 +170,10 @@ int Net_vresolve(const char* host, int version) {
         hints.ai_protocol = kTCP;
         hints.ai_family = familyOf(version);
         AddrInfo result;
-        if (getaddrinfo(host, nullptr, &hints, &result.list) != 0)
+        if (lookUp(host, nullptr, &hints, result) != 0)
                 return 0;
         int count = 0;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next)
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next)
                 if (version == 4 ? r->ai_family == AF_INET : r->ai_family != AF_INET)
                         count++;
         return count;
@@ -183,10 +181,10 @@ int Net_vresolve(const char* host, int version) {
 
 int Net_resolve(const char* host) {
         AddrInfo result;
-        if (getaddrinfo(host, nullptr, nullptr, &result.list) != 0)
+        if (lookUp(host, nullptr, nullptr, result) != 0)
                 return 0;
         int count = 0;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next)
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next)
                 if (r->ai_protocol == kTCP)
                         count++;
         return count;
@@ -198,10 +196,10 @@ char* Net_getAddressOfHost(const char* host, int version, char* result, int size
         struct addrinfo hints = {};
         hints.ai_family = familyOf(version);
         AddrInfo list;
-        int status = getaddrinfo(host, nullptr, &hints, &list.list);
+        int status = lookUp(host, nullptr, &hints, list);
         if (status == 0) {
                 struct addrinfo* found = nullptr;
-                for (struct addrinfo* r = list.list; r && !found; r = r->ai_next)
+                for (struct addrinfo* r = list.get(); r && !found; r = r->ai_next)
                         if (version == 4 ? r->ai_family == AF_INET : r->ai_family != AF_INET)
                                 found = r;
                 status = found ? Net_getAddrInfo(found->ai_addr, found->ai_addrlen, result, size)
@@ -312,27 +310,26 @@ int Net_createServerSocket(ServerSocket_T S) {
         hints.ai_protocol = kTCP;
         hints.ai_family = familyOf(version);
         AddrInfo result;
-        int status = getaddrinfo(ServerSocket_getBindAddress(S), port, &hints, &result.list);
+        int status = lookUp(ServerSocket_getBindAddress(S), port, &hints, result);
         if (status != 0) {
                 Error_debug("Error: creating server socket -- %s\n", gai_strerror(status));
                 errno = EHOSTUNREACH;
                 return -2;
         }
-        struct addrinfo* r = result.list;
-        int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
-        if (fd < 0)
+        struct addrinfo* r = result.get();
+        Descriptor owner(socket(r->ai_family, r->ai_socktype, r->ai_protocol));
+        int fd = owner.get();
+        if (!owner)
                 return -1;
         if (version == 6 && !setFlag(fd, IPPROTO_IPV6, IPV6_V6ONLY, 1))
                 Error_debug("Warning: IPV6_V6ONLY failed -- %s\n", strerror(errno));
         if (!setFlag(fd, SOL_SOCKET, SO_REUSEADDR, 1) ||
             !setFlag(fd, SOL_SOCKET, SO_KEEPALIVE, 1) || !setCloseOnExec(fd) ||
             !Net_setNonBlocking(fd) || bind(fd, r->ai_addr, r->ai_addrlen) != 0 ||
-            listen(fd, kBacklog) != 0) {
-                closeKeepingErrno(fd);
+            listen(fd, kBacklog) != 0)
                 return -1;
-        }
         ServerSocket_setAddrSize(S, static_cast<int>(r->ai_addrlen));
-        return fd;
+        return owner.release();
 }
 
 ssize_t Net_read(int fd, void* buf, size_t size, int timeout) {
@@ -425,15 +422,16 @@ InetAddress_T Net_accept(ServerSocket_T S) {
         socklen_t len = static_cast<socklen_t>(ServerSocket_getAddrSize(S));
         if (len == 0 || len > sizeof addr)
                 len = sizeof addr;
-        int fd = accept(ServerSocket_getSocket(S), reinterpret_cast<struct sockaddr*>(&addr), &len);
-        if (fd == -1)
+        Descriptor owner(
+            accept(ServerSocket_getSocket(S), reinterpret_cast<struct sockaddr*>(&addr), &len));
+        int fd = owner.get();
+        if (!owner || !setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1))
                 return nullptr;
-        if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1)) {
-                closeKeepingErrno(fd);
-                return nullptr;
-        }
-        return InetAddress_new(ServerSocket_getPort(S), fd,
-                               reinterpret_cast<struct sockaddr*>(&addr), static_cast<int>(len), 0);
+        InetAddress_T accepted =
+            InetAddress_new(ServerSocket_getPort(S), fd, reinterpret_cast<struct sockaddr*>(&addr),
+                            static_cast<int>(len), 0);
+        owner.release();
+        return accepted;
 }
 
 int Net_createSocket(Socket_T S) {
@@ -442,21 +440,20 @@ int Net_createSocket(Socket_T S) {
         struct addrinfo hints = {};
         hints.ai_socktype = SOCK_STREAM;
         AddrInfo result;
-        if (getaddrinfo(Socket_getHost(S), port, &hints, &result.list) != 0) {
+        if (lookUp(Socket_getHost(S), port, &hints, result) != 0) {
                 errno = EHOSTUNREACH;
                 return -2;
         }
         int error = EHOSTUNREACH;
-        for (struct addrinfo* r = result.list; r; r = r->ai_next) {
-                int fd = socket(r->ai_family, r->ai_socktype, r->ai_protocol);
-                if (fd < 0) {
+        for (struct addrinfo* r = result.get(); r; r = r->ai_next) {
+                Descriptor owner(socket(r->ai_family, r->ai_socktype, r->ai_protocol));
+                int fd = owner.get();
+                if (!owner) {
                         error = errno;
                         continue;
                 }
-                if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1)) {
-                        closeKeepingErrno(fd);
+                if (!setCloseOnExec(fd) || !setNonBlockingIoctl(fd) || !Net_setNoDelay(fd, 1))
                         return -1;
-                }
                 int status = connect(fd, r->ai_addr, r->ai_addrlen);
                 if (status != 0 && errno == EINPROGRESS) {
                         int ready = pollFor(fd, POLLIN | POLLOUT, kConnectTimeout);
@@ -475,10 +472,9 @@ int Net_createSocket(Socket_T S) {
                         Socket_setInetAddress(S,
                                               InetAddress_new(Socket_getPort(S), fd, r->ai_addr,
                                                               static_cast<int>(r->ai_addrlen), 1));
-                        return fd;
+                        return owner.release();
                 }
                 error = errno;
-                closeKeepingErrno(fd);
         }
         errno = error;
         return -1;

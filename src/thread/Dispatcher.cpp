@@ -10,8 +10,10 @@
 #include <vesk/System.h>
 #include <vesk/assert.h>
 
-// Every thread call here is checked by hand and logged: the pool must outlive a failure
-// that would otherwise raise on a worker thread, where no block waits for it.
+#include "thread/Lock.hpp"
+
+// Every thread call here is checked and logged, never raised: the pool must outlive a
+// failure that would otherwise raise on a worker thread, where no block waits for it.
 struct Dispatcher_S {
         int idle;
         int stopped;
@@ -27,29 +29,8 @@ struct Dispatcher_S {
 
 namespace {
 
-// Unlocks D's mutex when a scope ends, also by a raise (a queue node that cannot be
-// allocated), so that the pool is never left locked.
-class Held {
-public:
-        explicit Held(Dispatcher_T D) : D_(D) {}
-        ~Held() {
-                int status = pthread_mutex_unlock(&D_->mutex);
-                if (status != 0)
-                        Error_error("Dispatcher: Release lock error -- %s\n",
-                                    System_getError(status));
-        }
-        Held(const Held&) = delete;
-        Held& operator=(const Held&) = delete;
-
-private:
-        Dispatcher_T D_;
-};
-
-void unlockOrLog(Dispatcher_T D) {
-        int status = pthread_mutex_unlock(&D->mutex);
-        if (status != 0)
-                Error_error("Dispatcher: Release lock error -- %s\n", System_getError(status));
-}
+// The name that logged threading failures go under.
+constexpr const char* kOwner = "Dispatcher";
 
 // Lowers the count of live threads; the last one out wakes Dispatcher_free.
 void leave(Dispatcher_T D) {
@@ -58,71 +39,79 @@ void leave(Dispatcher_T D) {
                 pthread_cond_broadcast(&D->cond);
 }
 
+void* shutDown(Dispatcher_T D) {
+        Error_debug("Processor thread shutting down\n");
+        leave(D);
+        return nullptr;
+}
+
 // The worker: serves the queue, waits at most `timeout` seconds for more, then ends.
 void* server(void* arg) {
         Dispatcher_T D = static_cast<Dispatcher_T>(arg);
-        int status = pthread_mutex_lock(&D->mutex);
-        if (status != 0) {
-                Error_error("Dispatcher: Acquiring lock error -- %s\n", System_getError(status));
+        vesk::Lock lock(D->mutex, kOwner);
+        if (!lock)
                 return nullptr;
-        }
         bool timedOut = false;
         for (;;) {
                 bool foundByTimedOutWait = false;
                 while (List_length(D->queue) == 0) {
                         if (D->stopped)
-                                goto shutdown;
+                                return shutDown(D);
                         struct timespec deadline;
                         clock_gettime(CLOCK_REALTIME, &deadline);
                         deadline.tv_sec += D->timeout;
                         deadline.tv_nsec = 0;
                         D->idle++;
-                        status = pthread_cond_timedwait(&D->cond, &D->mutex, &deadline);
+                        int status = lock.wait(D->cond, &deadline);
                         D->idle--;
                         if (status == ETIMEDOUT) {
                                 timedOut = true;
                                 if (List_length(D->queue) == 0)
-                                        goto idle;
+                                        break;
                                 foundByTimedOutWait = true;
                         } else if (status != 0) {
                                 Error_debug("Dispatcher: thread wait failed, %d(%s)\n", status,
                                             System_getError(status));
                                 leave(D);
-                                unlockOrLog(D);
                                 return nullptr;
                         }
                 }
-                do {
+                while (List_length(D->queue) > 0) {
                         if (!foundByTimedOutWait)
                                 timedOut = false;
                         foundByTimedOutWait = false;
                         void* item = List_pop(D->queue);
-                        status = pthread_mutex_unlock(&D->mutex);
-                        if (status != 0) {
+                        if (!lock.unlock()) {
                                 List_append(D->queue, item);
-                                Error_error("Dispatcher: Release lock error -- %s\n",
-                                            System_getError(status));
                                 return nullptr;
                         }
                         D->engine(item);
-                        if (pthread_mutex_lock(&D->mutex) != 0)
+                        if (!lock.lock())
                                 return nullptr;
-                } while (List_length(D->queue) > 0);
-        idle:
+                }
                 if (D->stopped)
-                        goto shutdown;
+                        return shutDown(D);
                 // Idle too long: even one last item served does not renew the thread.
                 if (timedOut) {
                         leave(D);
-                        unlockOrLog(D);
                         return nullptr;
                 }
         }
-shutdown:
-        Error_debug("Processor thread shutting down\n");
-        leave(D);
-        unlockOrLog(D);
-        return nullptr;
+}
+
+// Stops the threads and waits until the last one has left. The status of the first failed
+// call, or -1 when the lock failed, which is logged already.
+int stopThreads(Dispatcher_T D) {
+        vesk::Lock lock(D->mutex, kOwner);
+        if (!lock)
+                return -1;
+        if (D->threads < 1)
+                return 0;
+        D->stopped = 1;
+        int status = D->idle > 0 ? pthread_cond_broadcast(&D->cond) : 0;
+        while (status == 0 && D->threads > 0)
+                status = lock.wait(D->cond);
+        return status;
 }
 
 void finalizeFailed(int status) {
@@ -169,21 +158,18 @@ Dispatcher_T Dispatcher_new(int threads, int timeout, void (*engine)(void*)) {
 int Dispatcher_add(Dispatcher_T D, void* data) {
         assert(D);
         assert(data);
-        int status = pthread_mutex_lock(&D->mutex);
-        if (status != 0) {
-                Error_error("Dispatcher: Acquiring lock error -- %s\n", System_getError(status));
+        vesk::Lock lock(D->mutex, kOwner);
+        if (!lock)
                 return 0;
-        }
-        Held held(D);
         List_append(D->queue, data);
         if (D->idle >= List_length(D->queue)) {
-                status = pthread_cond_signal(&D->cond);
+                int status = pthread_cond_signal(&D->cond);
                 if (status != 0)
                         Error_error("Dispatcher: Condition signal error -- %s\n",
                                     System_getError(status));
         } else if (D->threads < D->maxThreads) {
                 pthread_t thread;
-                status = pthread_create(&thread, &D->attr, server, D);
+                int status = pthread_create(&thread, &D->attr, server, D);
                 if (status == 0)
                         D->threads++;
                 else
@@ -196,26 +182,14 @@ int Dispatcher_add(Dispatcher_T D, void* data) {
 void Dispatcher_free(Dispatcher_T* D) {
         assert(D && *D);
         Dispatcher_T d = *D;
-        int status = pthread_mutex_lock(&d->mutex);
-        if (status == 0) {
-                if (d->threads > 0) {
-                        d->stopped = 1;
-                        if (d->idle > 0)
-                                status = pthread_cond_broadcast(&d->cond);
-                        while (status == 0 && d->threads > 0)
-                                status = pthread_cond_wait(&d->cond, &d->mutex);
-                }
-                int unlocked = pthread_mutex_unlock(&d->mutex);
-                if (status == 0)
-                        status = unlocked;
-        }
+        int status = stopThreads(d);
         if (status == 0)
                 status = pthread_mutex_destroy(&d->mutex);
         if (status == 0)
                 status = pthread_cond_destroy(&d->cond);
         if (status == 0)
                 status = pthread_attr_destroy(&d->attr);
-        if (status != 0)
+        if (status > 0)
                 finalizeFailed(status);
         List_free(&d->queue);
         FREE(d);

@@ -3,7 +3,8 @@
 // Taking or releasing a lock is checked: a non-zero status raises AssertException with the
 // text "_yystatus == 0". A guard releases what it holds when it goes out of scope, also
 // when a raise leaves the scope; an unlock that fails while a raise is already on its way
-// is logged instead, since two raises at once would end the process.
+// is logged instead, since two raises at once would end the process. A mutex guard given
+// its owner's name logs every failure instead of raising.
 #pragma once
 
 #include <pthread.h>
@@ -41,30 +42,61 @@ inline void releaseChecked(L* lock, int (*release)(L*)) {
 }
 
 // Holds a mutex for the guard's scope. unlock() and lock() let a scope step out of the
-// mutex for a while (to run a callback, say) and take it back.
+// mutex for a while (to run a callback, say) and take it back; wait() gives it up while
+// waiting on a condition.
+//
+// A guard given its owner's name never raises: code that must outlive a failed call, such
+// as a worker thread that no block waits on, gets the failure logged under that name, and
+// the guard then holds nothing. lock() and unlock() tell whether they succeeded.
 class Lock {
 public:
         explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { lock(); }
+        Lock(pthread_mutex_t& mutex, const char* owner) : mutex_(mutex), owner_(owner) { lock(); }
         ~Lock() noexcept(false) {
-                if (held_)
+                if (!held_)
+                        return;
+                if (owner_)
+                        unlock();
+                else
                         releaseChecked(&mutex_, pthread_mutex_unlock);
         }
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
 
-        void lock() {
+        bool lock() {
                 int _yystatus = pthread_mutex_lock(&mutex_);
-                assert(_yystatus == 0);
-                held_ = true;
+                held_ = _yystatus == 0;
+                if (!held_)
+                        failed(_yystatus, "Acquiring lock error");
+                return held_;
         }
-        void unlock() {
+        bool unlock() {
                 held_ = false;
                 int _yystatus = pthread_mutex_unlock(&mutex_);
-                assert(_yystatus == 0);
+                if (_yystatus != 0)
+                        failed(_yystatus, "Release lock error");
+                return _yystatus == 0;
         }
 
+        // Waits on cond until it is signalled, or until deadline when one is given; the
+        // status of the wait, which holds the mutex again when it returns.
+        int wait(pthread_cond_t& cond, const struct timespec* deadline = nullptr) {
+                return deadline ? pthread_cond_timedwait(&cond, &mutex_, deadline)
+                                : pthread_cond_wait(&cond, &mutex_);
+        }
+
+        explicit operator bool() const { return held_; }
+
 private:
+        void failed(int _yystatus, const char* what) {
+                if (owner_)
+                        Error_error("%s: %s -- %s\n", owner_, what, System_getError(_yystatus));
+                else
+                        assert(_yystatus == 0);
+        }
+
         pthread_mutex_t& mutex_;
+        const char* owner_ = nullptr;
         bool held_ = false;
 };
 

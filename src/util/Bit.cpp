@@ -12,6 +12,13 @@ struct Bit_S {
 
 namespace {
 
+// Whether a Judy1 call changed the array; the library running out of memory raises.
+bool changed(int status, const char* call) {
+        if (status == JERR)
+                THROW(MemoryException, "%s", call);
+        return status == 1;
+}
+
 // Holds an array while a result is built, so that a raise in the middle frees it.
 struct Building {
         Pvoid_t array = nullptr;
@@ -19,10 +26,7 @@ struct Building {
         Building(const Building&) = delete;
         Building& operator=(const Building&) = delete;
         ~Building() { Judy1FreeArray(&array, PJE0); }
-        void put(Word_t n) {
-                if (Judy1Set(&array, n, PJE0) == JERR)
-                        THROW(MemoryException, "Judy1Set");
-        }
+        void put(Word_t n) { changed(Judy1Set(&array, n, PJE0), "Judy1Set"); }
         Bit_T done() {
                 Bit_T B;
                 NEW0(B);
@@ -43,6 +47,13 @@ void forEach(Pcvoid_t array, F&& f) {
         for (int found = Judy1First(array, &n, PJE0); found == 1;
              found = Judy1Next(array, &n, PJE0))
                 f(n);
+}
+
+// True if every member of s is one of t.
+bool within(Pcvoid_t s, Pcvoid_t t) {
+        bool inside = true;
+        forEach(s, [&](Word_t n) { inside = inside && has(t, n); });
+        return inside;
 }
 
 Bit_T copy(Bit_T B) {
@@ -67,18 +78,12 @@ void Bit_free(Bit_T* B) {
 
 int Bit_put(Bit_T B, unsigned int n) {
         assert(B);
-        int status = Judy1Set(&B->array, n, PJE0);
-        if (status == JERR)
-                THROW(MemoryException, "Judy1Set");
-        return status == 1;
+        return changed(Judy1Set(&B->array, n, PJE0), "Judy1Set");
 }
 
 int Bit_remove(Bit_T B, unsigned int n) {
         assert(B);
-        int status = Judy1Unset(&B->array, n, PJE0);
-        if (status == JERR)
-                THROW(MemoryException, "Judy1Unset");
-        return status == 1;
+        return changed(Judy1Unset(&B->array, n, PJE0), "Judy1Unset");
 }
 
 int Bit_member(Bit_T B, unsigned int n) {
@@ -135,9 +140,7 @@ int Bit_eq(Bit_T s, Bit_T t) {
                 return 1;
         if (!s || !t || Bit_length(s) != Bit_length(t))
                 return 0;
-        bool same = true;
-        forEach(s->array, [&](Word_t n) { same = same && has(t->array, n); });
-        return same;
+        return within(s->array, t->array);
 }
 
 int Bit_lt(Bit_T s, Bit_T t) {
@@ -147,9 +150,7 @@ int Bit_lt(Bit_T s, Bit_T t) {
         }
         if (!t || Bit_length(s) >= Bit_length(t))
                 return 0;
-        bool inside = true;
-        forEach(s->array, [&](Word_t n) { inside = inside && has(t->array, n); });
-        return inside;
+        return within(s->array, t->array);
 }
 
 Bit_T Bit_union(Bit_T s, Bit_T t) {

@@ -13,6 +13,8 @@
 #include <vesk/Str.h>
 #include <vesk/assert.h>
 
+#include "util/Replace.hpp"
+
 namespace {
 
 inline int upper(char c) {
@@ -81,17 +83,6 @@ bool beginsEntity(const char* p) {
         for (p++; isalnum(static_cast<unsigned char>(*p)) || *p == '#'; p++)
                 ;
         return *p == ';';
-}
-
-// Matches of old in s, overlapping ones included: the size that a replacement may need.
-long countMatches(const char* s, size_t length, const char* old, size_t oldLength) {
-        long count = 0;
-        const char* end = s + length;
-        for (const char* p = s; (p = static_cast<const char*>(
-                                     memmem(p, static_cast<size_t>(end - p), old, oldLength)));
-             p++)
-                count++;
-        return count;
 }
 
 }  // namespace
@@ -502,12 +493,10 @@ char* Str_replace_arena(Arena_T A, char* s, const char* old, const char* new_, c
                 return s;
         size_t length = strlen(s);
         size_t oldLength = strlen(old);
-        long count = countMatches(s, length, old, oldLength);
+        long count = vesk::countMatches(s, length, old, oldLength);
         if (count == 0)
                 return s;
         size_t newLength = strlen(new_);
-        // Matches are taken from the left and the search goes on behind each one, so
-        // overlapping matches counted above are not all replaced.
         char* w;
         if (newLength > oldLength) {
                 size_t room = length + static_cast<size_t>(count) * (newLength - oldLength);
@@ -515,20 +504,8 @@ char* Str_replace_arena(Arena_T A, char* s, const char* old, const char* new_, c
         } else {
                 w = s;  // the text shrinks or keeps its length: the writer never passes the reader
         }
-        char* result = w;
-        const char* r = s;
-        const char* end = s + length;
-        for (const char* m; (m = static_cast<const char*>(
-                                 memmem(r, static_cast<size_t>(end - r), old, oldLength)));
-             r = m + oldLength) {
-                size_t segment = static_cast<size_t>(m - r);
-                memmove(w, r, segment);
-                w += segment;
-                memcpy(w, new_, newLength);
-                w += newLength;
-        }
-        memmove(w, r, static_cast<size_t>(end - r) + 1);
-        return result;
+        vesk::replaceMatches(w, s, s + length, old, oldLength, new_, newLength);
+        return w;
 }
 
 char* Str_entityify_arena(Arena_T A, const char* s, const char* func, const char* file, int line) {

@@ -9,6 +9,9 @@
 #include <vesk/StringBuffer.h>
 #include <vesk/assert.h>
 
+#include "util/Holder.hpp"
+#include "util/Replace.hpp"
+
 struct StringBuffer_S {
         int used;          // bytes of text, the terminator not counted
         int length;        // capacity of buffer
@@ -51,20 +54,6 @@ void checkIndex(StringBuffer_T S, int index) {
                 THROW(AssertException, "Index out of bounds");
 }
 
-// Owns one deflate stream for the length of a call.
-struct Deflater {
-        z_stream stream{};
-        int status;
-        explicit Deflater(int level)
-            : status(deflateInit2(&stream, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY)) {}
-        ~Deflater() {
-                if (status == Z_OK || status == Z_STREAM_END)
-                        deflateEnd(&stream);
-        }
-        Deflater(const Deflater&) = delete;
-        Deflater& operator=(const Deflater&) = delete;
-};
-
 // Ends a copied argument list on every way out.
 struct VaEnd {
         va_list& ap;
@@ -103,12 +92,10 @@ void StringBuffer_free(StringBuffer_T* S) {
 
 StringBuffer_T StringBuffer_append(StringBuffer_T S, const char* fmt, ...) {
         assert(S);
-        if (fmt && *fmt) {
-                va_list ap;
-                va_start(ap, fmt);
-                StringBuffer_vappend(S, fmt, ap);
-                va_end(ap);
-        }
+        va_list ap;
+        va_start(ap, fmt);
+        StringBuffer_vappend(S, fmt, ap);
+        va_end(ap);
         return S;
 }
 
@@ -140,12 +127,10 @@ StringBuffer_T StringBuffer_vappend(StringBuffer_T S, const char* fmt, va_list a
 StringBuffer_T StringBuffer_set(StringBuffer_T S, const char* fmt, ...) {
         assert(S);
         StringBuffer_clear(S);
-        if (fmt && *fmt) {
-                va_list ap;
-                va_start(ap, fmt);
-                StringBuffer_vappend(S, fmt, ap);
-                va_end(ap);
-        }
+        va_list ap;
+        va_start(ap, fmt);
+        StringBuffer_vappend(S, fmt, ap);
+        va_end(ap);
         return S;
 }
 
@@ -255,12 +240,7 @@ int StringBuffer_replace(StringBuffer_T S, const char* a, const char* b) {
                 return 0;
         size_t la = strlen(a);
         size_t lb = strlen(b);
-        char* end = S->buffer + S->used;
-        // First pass: every match, overlapping ones included, sizes the room needed.
-        long count = 0;
-        for (char* p = S->buffer;
-             (p = static_cast<char*>(memmem(p, static_cast<size_t>(end - p), a, la))); p++)
-                count++;
+        long count = vesk::countMatches(S->buffer, static_cast<size_t>(S->used), a, la);
         if (count == 0)
                 return 0;
         long d = static_cast<long>(lb) - static_cast<long>(la);
@@ -278,26 +258,11 @@ int StringBuffer_replace(StringBuffer_T S, const char* a, const char* b) {
                 // start: the writer stays behind the reader, so no tail is moved per match.
                 memmove(S->buffer + shift, S->buffer, static_cast<size_t>(S->used) + 1);
         }
-        const char* r = S->buffer + shift;
-        end = S->buffer + shift + S->used;
-        char* w = S->buffer;
-        int replaced = 0;
-        // Second pass: from the left, going on behind each match, so overlapping matches
-        // counted above are not all replaced.
-        for (const char* m;
-             (m = static_cast<const char*>(memmem(r, static_cast<size_t>(end - r), a, la)));
-             r = m + la) {
-                size_t segment = static_cast<size_t>(m - r);
-                memmove(w, r, segment);
-                w += segment;
-                memcpy(w, b, lb);
-                w += lb;
-                replaced++;
-        }
-        size_t tail = static_cast<size_t>(end - r);
-        memmove(w, r, tail + 1);
-        S->used = static_cast<int>(w + tail - S->buffer);
-        return replaced;
+        const char* text = S->buffer + shift;
+        vesk::Replaced done =
+            vesk::replaceMatches(S->buffer, text, text + S->used, a, la, b, lb);
+        S->used = static_cast<int>(done.end - S->buffer);
+        return done.count;
 }
 
 const unsigned char* StringBuffer_toCompressed(StringBuffer_T S, int level, int* len) {
@@ -307,26 +272,28 @@ const unsigned char* StringBuffer_toCompressed(StringBuffer_T S, int level, int*
         *len = 0;
         if (S->used < 1)
                 return nullptr;
-        Deflater z(level);
-        if (z.status != Z_OK)
-                THROW(AssertException, "compression failed: %s", zError(z.status));
-        uLong bound = deflateBound(&z.stream, static_cast<uLong>(S->used));
+        z_stream stream{};
+        int status = deflateInit2(&stream, level, Z_DEFLATED, 31, 8, Z_DEFAULT_STRATEGY);
+        if (status != Z_OK)
+                THROW(AssertException, "compression failed: %s", zError(status));
+        vesk::Holder<z_stream*, deflateEnd> started(&stream);
+        uLong bound = deflateBound(&stream, static_cast<uLong>(S->used));
         if (bound > INT_MAX)
                 THROW(AssertException, "compression failed: %s", zError(Z_BUF_ERROR));
         if (S->compressed)
                 RESIZE(S->compressed, static_cast<int>(bound));
         else
                 S->compressed = static_cast<char*>(ALLOC(static_cast<int>(bound)));
-        z.stream.next_in = reinterpret_cast<Bytef*>(S->buffer);
-        z.stream.avail_in = static_cast<uInt>(S->used);
-        z.stream.next_out = reinterpret_cast<Bytef*>(S->compressed);
-        z.stream.avail_out = static_cast<uInt>(bound);
+        stream.next_in = reinterpret_cast<Bytef*>(S->buffer);
+        stream.avail_in = static_cast<uInt>(S->used);
+        stream.next_out = reinterpret_cast<Bytef*>(S->compressed);
+        stream.avail_out = static_cast<uInt>(bound);
         // The output block is as large as deflate can need, so one call does all the work.
-        int status = deflate(&z.stream, Z_FINISH);
+        status = deflate(&stream, Z_FINISH);
         if (status != Z_STREAM_END) {
                 FREE(S->compressed);
                 THROW(AssertException, "compression failed: %s", zError(status));
         }
-        *len = static_cast<int>(bound - z.stream.avail_out);
+        *len = static_cast<int>(bound - stream.avail_out);
         return reinterpret_cast<const unsigned char*>(S->compressed);
 }

@@ -8,6 +8,8 @@
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
+#include "util/Holder.hpp"
+
 namespace {
 
 // Slots in the attribute table: name and value pairs and the closing NULL.
@@ -246,14 +248,8 @@ private:
         Entry* entries_;
 };
 
-// Frees a name when a rule's action is done with it, or leaves it.
-struct Text {
-        char* s;
-        explicit Text(char* text) : s(text) {}
-        ~Text() { FREE(s); }
-        Text(const Text&) = delete;
-        Text& operator=(const Text&) = delete;
-};
+// A name taken off the stack, freed when a rule's action is done with it, or leaves it.
+using Text = vesk::Block<char>;
 
 void freeAttributes(XMLParser_T P) {
         for (int i = 0; i < P->index; i++)
@@ -286,25 +282,25 @@ void act(XMLParser_T P, Stack& S, int r) {
         switch (r) {
         case 5: {
                 Text name(S.take(2));
-                startTag(P, name.s, nullptr);
+                startTag(P, name.get(), nullptr);
                 break;
         }
         case 6: {
                 Text name(S.take(3));
-                startTag(P, name.s, S.value(0));
+                startTag(P, name.get(), S.value(0));
                 break;
         }
         case 7: {
                 Text name(S.take(1));
                 if (P->endElement)
-                        P->endElement(name.s, P->ctx);
+                        P->endElement(name.get(), P->ctx);
                 break;
         }
         case 8: {
                 Text name(S.take(2));
-                startTag(P, name.s, nullptr);
+                startTag(P, name.get(), nullptr);
                 if (P->endElement)
-                        P->endElement(name.s, P->ctx);
+                        P->endElement(name.get(), P->ctx);
                 break;
         }
         case 11: {

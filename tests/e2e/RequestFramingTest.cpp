@@ -151,7 +151,12 @@ TEST_P(RequestFraming, CurlUploadIsAskedForItsBodyAtOnce) {
         char line[512];
         while (fgets(line, sizeof line, verbose))
                 log += line;
-        EXPECT_EQ(pclose(verbose), 0) << log;
+        int status = pclose(verbose);
+        // In process, the server's SIGCHLD handler may reap curl first, and its status is
+        // lost; what curl printed still tells.
+        if (!(GetParam() && status == -1 && errno == ECHILD)) {
+                EXPECT_EQ(status, 0) << log;
+        }
         EXPECT_TRUE(contains(log, "< HTTP/1.1 100 Continue")) << log;
         EXPECT_EQ(readFile(out), "POST tag=curl length=2005 data=" + data);
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");

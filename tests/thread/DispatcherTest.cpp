@@ -231,3 +231,28 @@ TEST(Lock, FailedLockOrUnlockRaisesTheCheck) {
         pthread_mutex_unlock(&mutex);
         pthread_mutex_destroy(&mutex);
 }
+
+TEST(Lock, NamedGuardLogsAFailureInsteadOfRaising) {
+        pthread_mutexattr_t attr;
+        pthread_mutexattr_init(&attr);
+        pthread_mutexattr_settype(&attr, PTHREAD_MUTEX_ERRORCHECK);
+        pthread_mutex_t mutex;
+        pthread_mutex_init(&mutex, &attr);
+        pthread_mutexattr_destroy(&attr);
+
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(assertion([&] {
+                          vesk::Lock held(mutex, "Pool");
+                          ASSERT_TRUE(held);
+                          vesk::Lock again(mutex, "Pool");  // a second lock by the owner fails
+                          EXPECT_FALSE(again);
+                          pthread_mutex_unlock(&mutex);  // so that held's release fails too
+                  }),
+                  "");
+        std::string log = testing::internal::GetCapturedStderr();
+        EXPECT_NE(log.find("Pool: Acquiring lock error -- "), std::string::npos) << log;
+        EXPECT_NE(log.find("Pool: Release lock error -- "), std::string::npos) << log;
+        EXPECT_EQ(pthread_mutex_trylock(&mutex), 0);
+        pthread_mutex_unlock(&mutex);
+        pthread_mutex_destroy(&mutex);
+}
