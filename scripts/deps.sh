@@ -2,7 +2,7 @@
 # Installs the Debian packages that building and testing need, only those missing.
 set -eu
 packages="libev-dev zlib1g-dev libssl-dev libjudy-dev clearsilver-dev libsqlite3-dev libpq-dev
-libgtest-dev cmake g++ make pkg-config"
+postgresql libgtest-dev cmake g++ make pkg-config"
 missing=""
 for p in $packages; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $p"

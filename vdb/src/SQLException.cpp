@@ -1,0 +1,3 @@
+#include <vdb/SQLException.h>
+
+const Exception_T SQLException = {"SQLException"};
