@@ -184,9 +184,6 @@ TEST_P(EndToEnd, StopLetsRequestsInFlightFinish) {
         EXPECT_FALSE(exists(home / "logs/Vesk.pid"));
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, EndToEnd, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, EndToEnd, testing::Bool(), way);
 
 }  // namespace
