@@ -28,7 +28,6 @@
 #include <vesk/Reactor.h>
 #include <vesk/Wrapper.h>
 
-#include "support/Gzip.hpp"
 #include "support/HttpSupport.hpp"
 #include "support/Support.hpp"
 #include "support/TempDir.hpp"
@@ -291,8 +290,6 @@ TEST(HttpConnectorSettings, UnitsAndChecks) {
         EXPECT_EQ(HttpConnector_getBindAddress(H), nullptr);
         HttpConnector_setConnectionTimeout(H, 2147483647);  // no overflow into the negative
         EXPECT_GT(HttpConnector_getConnectionTimeout(H), 2000000);
-        EXPECT_EQ(assertion([&] { HttpConnector_setProcessorThreads(H, 0); }), "processors > 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setContentLengthLimit(H, -1); }), "limit >= 0");
         HttpConnector_free(&H);
         Reactor_free();
 }
@@ -344,10 +341,6 @@ TEST_F(HttpConnectorTest, ServesKeepsAliveAndWritesTheAccessLog) {
 TEST_F(HttpConnectorTest, KeepAliveSettingsBoundEachConnection) {
         HttpConnector_setKeepAliveRequests(connector, 3);
         HttpConnector_setKeepAliveTimeout(connector, 2);
-        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveRequests(connector, 0); }),
-                  "requests > 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveTimeout(connector, 0); }),
-                  "timeout > 0");
         start();
         int fd = dial(port);
         for (int i = 1; i <= 3; i++) {
@@ -433,21 +426,6 @@ TEST_F(HttpConnectorTest, BodyOverTheBufferLimitGoesThroughATemporaryFile) {
         EXPECT_EQ(countBodyFiles(), 0);
 }
 
-TEST_F(HttpConnectorTest, GzipRequestBodyIsInflated) {
-        start();
-        std::string packed = gzip("data=" + std::string(5000, 'z') + "&other=1");
-        int fd = dial(port);
-        sendAll(fd,
-                "POST /echo HTTP/1.1\r\nHost: localhost\r\nContent-Type: "
-                "application/x-www-form-urlencoded\r\nContent-Encoding: gzip\r\n"
-                "Content-Length: " +
-                    std::to_string(packed.size()) + "\r\n\r\n" + packed);
-        Reply r = parse(readResponse(fd));
-        EXPECT_EQ(r.status, 200);
-        EXPECT_EQ(r.body, std::string(5000, 'z'));
-        close(fd);
-}
-
 TEST_F(HttpConnectorTest, BodyOverTheLimitGets413AndClientLeavingMidBodyIsDropped) {
         HttpConnector_setContentLengthLimit(connector, 100);
         start();
@@ -505,17 +483,6 @@ TEST_F(HttpConnectorTest, HeadWithoutEndFillingTheBufferGets400) {
         // page is not lost to a reset.
         std::string head = "GET /" + std::string(4096 - 5, 'a');
         expectErrorPage(exchange(head), 400, "Request too large");
-}
-
-TEST_F(HttpConnectorTest, HeadOfExactlyTheBufferIsServed) {
-        start();
-        std::string head = get("/hello", "Connection: close\r\n");
-        std::string pad = "X-Pad: ";
-        head.insert(head.size() - 2,
-                    pad + std::string(4096 - head.size() - pad.size() - 2, 'p') + "\r\n");
-        ASSERT_EQ(head.size(), 4096u);
-        std::string answer = exchange(head);
-        EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
 }
 
 TEST_F(HttpConnectorTest, ParserAndMappingFailuresAnswerWithTheirPages) {

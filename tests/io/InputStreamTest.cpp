@@ -7,7 +7,6 @@
 #include <vesk/Arena.h>
 #include <vesk/InetAddress.h>
 #include <vesk/InputStream.h>
-#include <vesk/OutputStream.h>
 
 #include "support/StreamSupport.hpp"
 #include "support/Support.hpp"
@@ -201,30 +200,4 @@ TEST(InputStream, LifecycleChecks) {
         InputStream_T inArena = InputStream_alloc(A, -1);
         EXPECT_EQ(assertion([&] { InputStream_free(&inArena); }), "! (*S)->arena");
         Arena_dispose(&A);
-}
-
-TEST(InputStream, ChunkedResponseOfTheOutputStreamDecodes) {
-        Loopback L;
-        ASSERT_TRUE(L.peer);
-        std::string payload;
-        for (int i = 0; payload.size() < 10000; i++)
-                payload += "line " + std::to_string(i) + "\n";
-        OutputStream_T out = InetAddress_getOutputStream(L.peer);
-        OutputStream_setChunked(out, 1);
-        OutputStream_write(out, payload.data(), static_cast<int>(payload.size()));
-        OutputStream_endChunked(out);
-        EXPECT_GT(OutputStream_flush(out), 0);
-
-        // Read it back through a stream over the client's descriptor.
-        InputStream_T in = InputStream_new(L.client);
-        InputStream_setChunked(in, 1);
-        std::string decoded = readAll(in);
-        EXPECT_FALSE(InputStream_isClosed(in));
-        EXPECT_FALSE(InputStream_isChunked(in));
-        std::string stripped;
-        for (char c : decoded)
-                if (c != '\r')
-                        stripped += c;
-        EXPECT_EQ(stripped, payload);
-        InputStream_free(&in);
 }

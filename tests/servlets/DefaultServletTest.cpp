@@ -100,10 +100,14 @@ TEST_F(DefaultServlet, SendsTheGzipFormToAClientThatTakesIt) {
         EXPECT_EQ(r.header("Content-Length"), std::to_string(r.body.size()));
         EXPECT_LT(r.body.size(), text.size());
         EXPECT_EQ(gunzip(r.body), text);
-        // A small file, or a client without gzip, gets the plain bytes.
+        EXPECT_EQ(r.header("Vary"), "Accept-Encoding");
+        // A small file, or a client without gzip, gets the plain bytes, and caches are told
+        // that the form depends on the client.
         EXPECT_EQ(get("/app/page.html", "Accept-Encoding: gzip\r\n").header("Content-Encoding"),
                   "");
-        EXPECT_EQ(get("/app/big.txt").body, text);
+        r = get("/app/big.txt");
+        EXPECT_EQ(r.body, text);
+        EXPECT_EQ(r.header("Vary"), "Accept-Encoding");
 }
 
 TEST_F(DefaultServlet, FindsWelcomeFilesAndRedirectsDirectories) {
