@@ -181,14 +181,6 @@ TEST(Container, PidFileStatesDecideWhetherAServerRuns) {
         Container_free(&C);
 }
 
-TEST(Container, ConcurrencyKeepsSpareDescriptors) {
-        struct rlimit rl;
-        getrlimit(RLIMIT_NOFILE, &rl);
-        int n = OS_concurrency();
-        getrlimit(RLIMIT_NOFILE, &rl);
-        EXPECT_EQ(static_cast<rlim_t>(n), rl.rlim_cur - 100);
-}
-
 TEST(ContainerDeathTest, LowDescriptorLimitFailsInContainerNew) {
         auto lowLimit = [] {
                 struct rlimit rl = {100, 100};

@@ -120,12 +120,4 @@ TEST_F(Daemon, PortInUseFailsTheStart) {
         expectNotRunning();
 }
 
-TEST_F(Daemon, ForegroundFailureLeavesNoPidFile) {
-        home.write("webapps/app/WEB-INF/web.xml", "<web-app>\n<servlet-mapping>\n");
-        Outcome start = launch(home, {"-f", "start"});
-        EXPECT_NE(start.status, 0);
-        EXPECT_TRUE(contains(start.output, home / "webapps/app/WEB-INF/web.xml")) << start.output;
-        expectNotRunning();
-}
-
 }  // namespace

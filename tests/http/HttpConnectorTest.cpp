@@ -98,11 +98,6 @@ int flood(HttpRequest_T, HttpResponse_T res) {
         return 0;
 }
 
-int raising(HttpRequest_T, HttpResponse_T) {
-        THROW(IOException, "disk on fire");
-        return 0;
-}
-
 /* --------------------------------------------------------------- Client */
 
 std::string get(const std::string& path, const std::string& extra = "") {
@@ -154,7 +149,6 @@ protected:
                 servlet("echo", "/echo", nullptr, echo);
                 servlet("big", "/big", big, nullptr);
                 servlet("flood", "/flood", flood, nullptr);
-                servlet("raising", "/raising", raising, nullptr);
                 connector = HttpConnector_new();
                 HttpConnector_setPort(connector, 0);
                 HttpConnector_setBindAddress(connector, "127.0.0.1");
@@ -378,17 +372,6 @@ TEST_F(HttpConnectorTest, ProxySettingsOverrideWhatTheClientSent) {
         start();
         std::string answer = exchange(get("/where", "Connection: close\r\n"));
         EXPECT_NE(answer.find("\r\n\r\nhttps://www.example.com:443"), std::string::npos) << answer;
-}
-
-TEST_F(HttpConnectorTest, ServletRaiseBecomesA500AndTheConnectionComesBack) {
-        start();
-        // The error page closes the connection, so it is delimited by the close.
-        std::string answer = exchange(get("/raising"));
-        EXPECT_EQ(answer.rfind("HTTP/1.1 500 ", 0), 0u) << answer;
-        EXPECT_NE(answer.find("IOException: disk on fire. See error log for details"),
-                  std::string::npos)
-            << answer;
-        EXPECT_NE(accessLines().find("\"GET /raising HTTP/1.1\" 500 "), std::string::npos);
 }
 
 /* ------------------------------------------------------------ Bodies */

@@ -126,20 +126,6 @@ TEST(Command, EnvironmentStartsWithPathAlone) {
         EXPECT_EQ(run(C).out, "PATHX=1\nPATH=/bin\nEMPTY=\nA=1\nB=two\n");
 }
 
-TEST(Command, ArenaCommandRuns) {
-        Arena_T arena = Arena_new();
-        Command_T C = Command_alloc(arena);
-        Command_setCommand(C, "/usr/bin/env", nullptr);
-        Command_setEnv(C, "GREETING", "hello");
-        Command_setDir(C, "/");
-        Seen seen;
-        Command_setOnExec(C, converse, &seen);
-        Command_execute(C);
-        EXPECT_EQ(seen.out, std::string(Command_Path) + "\nGREETING=hello\n");
-        EXPECT_EQ(seen.status, 0);
-        Arena_dispose(&arena);
-}
-
 TEST(Process, PipesCarryInputOutputAndErrors) {
         EXPECT_EQ(run(shell("/bin/echo hello world")).out, "hello world\n");
 
