@@ -141,14 +141,14 @@ public:
         bool ready() const { return ready_; }
         std::string failure() const { return failure_; }
 
-        // Stops as a terminal signal would; the launcher's exit status, or 0.
-        int stop() {
+        // Stops as a terminal signal would (the launcher by sig); its exit status, or 0.
+        int stop(int sig = SIGTERM) {
                 int status = 0;
                 if (inProcess_ && thread_.joinable()) {
                         stopAsked_ = true;
                         thread_.join();
                 } else if (!inProcess_ && pid_ > 0) {
-                        kill(pid_, SIGTERM);
+                        kill(pid_, sig);
                         waitpid(pid_, &status, 0);
                         pid_ = -1;
                 }
