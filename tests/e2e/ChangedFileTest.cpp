@@ -187,9 +187,6 @@ TEST_P(ChangedFile, CutShortWhileSentAbortsOnlyThatResponse) {
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, ChangedFile, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, ChangedFile, testing::Bool(), way);
 
 }  // namespace

@@ -1,5 +1,6 @@
 // The launcher as a user runs it: "start" makes a daemon and returns only once the server
-// serves, or with the reason it could not; "stop" returns once the process is gone.
+// serves, or with the reason it could not; "stop" returns once the process is gone; a server
+// in the foreground ends on the terminal's signals.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -17,7 +18,7 @@ struct Outcome {
 
 // Runs the launcher on home with args and waits for it; its standard output and error.
 Outcome launch(const Home& home, const std::vector<std::string>& args) {
-        std::string out = home / "logs/launcher.out";
+        std::string out = home / "logs/command.out";
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -52,6 +53,19 @@ bool gone(int pid) {
         std::getline(stat, line);
         size_t close = line.rfind(')');
         return close != std::string::npos && line.size() > close + 2 && line[close + 2] == 'Z';
+}
+
+// True once the server ignores SIGHUP and catches SIGTERM: its signal set-up is done.
+bool signalsReady(int pid) {
+        std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+        unsigned long long ignored = 0, caught = 0;
+        for (std::string line; std::getline(in, line);) {
+                if (line.rfind("SigIgn:", 0) == 0)
+                        ignored = std::stoull(line.substr(7), nullptr, 16);
+                else if (line.rfind("SigCgt:", 0) == 0)
+                        caught = std::stoull(line.substr(7), nullptr, 16);
+        }
+        return (ignored >> (SIGHUP - 1) & 1) && (caught >> (SIGTERM - 1) & 1);
 }
 
 class Daemon : public testing::Test {
@@ -120,12 +134,41 @@ TEST_F(Daemon, PortInUseFailsTheStart) {
         expectNotRunning();
 }
 
-TEST_F(Daemon, ForegroundFailureLeavesNoPidFile) {
-        home.write("webapps/app/WEB-INF/web.xml", "<web-app>\n<servlet-mapping>\n");
-        Outcome start = launch(home, {"-f", "start"});
-        EXPECT_NE(start.status, 0);
-        EXPECT_TRUE(contains(start.output, home / "webapps/app/WEB-INF/web.xml")) << start.output;
-        expectNotRunning();
+TEST_F(Daemon, ForegroundServerEndsOnTheTerminalsSignalsOnly) {
+        // A stale pid file does not prevent a start.
+        home.write("logs/Vesk.pid", "999999999\n");
+        for (int sig : {SIGTERM, SIGINT, SIGQUIT}) {
+                Server server(home, false);
+                ASSERT_TRUE(server.ready()) << readFile(home / "logs/launcher.out");
+                std::string pid = readFile(pidFile());
+                ASSERT_FALSE(pid.empty());
+                ASSERT_TRUE(eventually([&] { return signalsReady(std::stoi(pid)); }));
+                if (sig == SIGTERM) {
+                        Outcome status = launch(home, {"status"});
+                        EXPECT_EQ(status.status, 0);
+                        EXPECT_EQ(status.output, "Vesk is running with pid " + pid);
+                        // A second start leaves the running server alone.
+                        Outcome again = launch(home, {"-f", "start"});
+                        EXPECT_EQ(again.status, 0);
+                        EXPECT_EQ(again.output, "Vesk is already running with pid " + pid);
+                }
+                kill(std::stoi(pid), SIGHUP);
+                kill(std::stoi(pid), SIGPIPE);
+                EXPECT_EQ(server.stop(sig), 0) << "signal " << sig;
+                EXPECT_FALSE(exists(pidFile()));
+        }
+}
+
+TEST_F(Daemon, BadArgumentsAreReportedOnOneLine) {
+        Outcome bad = launch(home, {"-H", "/no/such/home", "status"});
+        EXPECT_EQ(bad.status, 1);
+        EXPECT_EQ(bad.output, "vesk: Container Home '/no/such/home' does not exist\n");
+        Outcome usage = launch(home, {"restart"});
+        EXPECT_EQ(usage.status, 2);
+        EXPECT_EQ(usage.output.rfind("vesk: unknown argument 'restart'\n", 0), 0u);
+        Outcome version = launch(home, {"--version"});
+        EXPECT_EQ(version.status, 0);
+        EXPECT_EQ(version.output, "Vesk 2.0\n");
 }
 
 }  // namespace

@@ -117,9 +117,6 @@ TEST_P(Parameters, NegativeCapIsNoLimitAndZeroTakesNone) {
         EXPECT_EQ(server->stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, Parameters, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, Parameters, testing::Bool(), way);
 
 }  // namespace

@@ -31,17 +31,6 @@ std::string length(size_t n) {
         return "Content-Length: " + std::to_string(n) + "\r\n";
 }
 
-// Sends all of text; false when the connection failed, as it does once reset.
-bool sendAll(int s, const std::string& text) {
-        for (size_t done = 0; done < text.size();) {
-                ssize_t n = send(s, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-                if (n <= 0)
-                        return false;
-                done += static_cast<size_t>(n);
-        }
-        return true;
-}
-
 // Lets what was sent go out as a packet of its own before more follows: the server may
 // answer meanwhile, and nothing is read here.
 void pause(int s) {
@@ -125,40 +114,6 @@ TEST_P(RequestFraming, RefusedBodyGetsTheFinalAnswerInsteadOfTheInterimOne) {
                 EXPECT_FALSE(contains(raw, "100 Continue")) << c.request << raw;
                 close(s);
         }
-        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
-}
-
-TEST_P(RequestFraming, CurlUploadIsAskedForItsBodyAtOnce) {
-        const char* curl = "/usr/bin/curl";
-        if (access(curl, X_OK) != 0)
-                GTEST_SKIP() << "no curl here";
-        Server server(home, GetParam());
-        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
-        std::string data(2000, 'c');
-        home.write("upload.txt", "data=" + data);
-        // Told to wait far longer than it would for the interim answer, curl shows whether
-        // it came. Its verbose lines go to standard error, the answer to the file.
-        std::string out = home / "curl.out";
-        std::string command = std::string(curl) +
-                              " -sS -v --noproxy '*' --expect100-timeout 30 -H 'Expect: "
-                              "100-continue' --data-binary @" +
-                              (home / "upload.txt") + " -o " + out +
-                              " http://127.0.0.1:" + std::to_string(home.port) +
-                              "/app/upload?tag=curl 2>&1";
-        FILE* verbose = popen(command.c_str(), "r");
-        ASSERT_TRUE(verbose);
-        std::string log;
-        char line[512];
-        while (fgets(line, sizeof line, verbose))
-                log += line;
-        int status = pclose(verbose);
-        // In process, the server's SIGCHLD handler may reap curl first, and its status is
-        // lost; what curl printed still tells.
-        if (!(GetParam() && status == -1 && errno == ECHILD)) {
-                EXPECT_EQ(status, 0) << log;
-        }
-        EXPECT_TRUE(contains(log, "< HTTP/1.1 100 Continue")) << log;
-        EXPECT_EQ(readFile(out), "POST tag=curl length=2005 data=" + data);
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
@@ -274,9 +229,6 @@ TEST_P(RequestFraming, StopDoesNotWaitForAClientThatKeepsSending) {
         close(s);
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, RequestFraming, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, RequestFraming, testing::Bool(), way);
 
 }  // namespace

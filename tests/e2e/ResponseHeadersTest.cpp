@@ -28,11 +28,6 @@ std::string kept(const std::string& method, const std::string& uri,
         return method + " " + uri + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n";
 }
 
-bool sendAll(int s, const std::string& text) {
-        return send(s, text.data(), text.size(), MSG_NOSIGNAL) ==
-               static_cast<ssize_t>(text.size());
-}
-
 std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> all;
         std::istringstream in(text);
@@ -283,9 +278,6 @@ TEST_P(ResponseHeaders, AnHttp10ClientIsNeverSentChunks) {
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, ResponseHeaders, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, ResponseHeaders, testing::Bool(), way);
 
 }  // namespace

@@ -115,9 +115,6 @@ TEST_P(Heads, DefaultConnectorIsLenientButFoldsNoHeaderIn) {
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
-INSTANTIATE_TEST_SUITE_P(Server, Heads, testing::Values(false, true),
-                         [](const testing::TestParamInfo<bool>& info) {
-                                 return info.param ? "InProcess" : "Launcher";
-                         });
+INSTANTIATE_TEST_SUITE_P(Server, Heads, testing::Bool(), way);
 
 }  // namespace

@@ -1,14 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <dirent.h>
-#include <errno.h>
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
 #include <signal.h>
 #include <string.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -33,7 +28,7 @@
 #include <vesk/Reactor.h>
 #include <vesk/Wrapper.h>
 
-#include "support/Gzip.hpp"
+#include "support/HttpSupport.hpp"
 #include "support/Support.hpp"
 #include "support/TempDir.hpp"
 #include "support/TlsSupport.hpp"
@@ -103,109 +98,7 @@ int flood(HttpRequest_T, HttpResponse_T res) {
         return 0;
 }
 
-int raising(HttpRequest_T, HttpResponse_T) {
-        THROW(IOException, "disk on fire");
-        return 0;
-}
-
 /* --------------------------------------------------------------- Client */
-
-int connectTo(int port) {
-        int fd = socket(AF_INET, SOCK_STREAM, 0);
-        struct sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        EXPECT_EQ(connect(fd, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr), 0);
-        int on = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        return fd;
-}
-
-void sendAll(int fd, const std::string& text) {
-        size_t done = 0;
-        while (done < text.size()) {
-                ssize_t n = send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-                ASSERT_GT(n, 0) << strerror(errno);
-                done += static_cast<size_t>(n);
-        }
-}
-
-// Reads what arrives until the peer closes (or resets), waiting at most 5 s in all.
-std::string readToClose(int fd) {
-        std::string got;
-        char buf[65536];
-        auto deadline = std::chrono::steady_clock::now() + 5s;
-        while (std::chrono::steady_clock::now() < deadline) {
-                struct pollfd p = {fd, POLLIN, 0};
-                if (poll(&p, 1, 100) <= 0)
-                        continue;
-                ssize_t n = read(fd, buf, sizeof buf);
-                if (n <= 0)
-                        return got;
-                got.append(buf, static_cast<size_t>(n));
-        }
-        ADD_FAILURE() << "connection still open";
-        return got;
-}
-
-struct Response {
-        std::string head;
-        std::string body;
-        bool chunked = false;
-        int status() const { return head.size() > 12 ? std::stoi(head.substr(9, 3)) : 0; }
-        bool has(const std::string& header) const {
-                return head.find("\r\n" + header + "\r\n") != std::string::npos;
-        }
-};
-
-// Reads one response, delimited by Content-Length or by chunks.
-Response readResponse(int fd) {
-        Response r;
-        std::string data;
-        char buf[65536];
-        auto fill = [&] {
-                struct pollfd p = {fd, POLLIN, 0};
-                if (poll(&p, 1, 5000) <= 0)
-                        return false;
-                ssize_t n = read(fd, buf, sizeof buf);
-                if (n <= 0)
-                        return false;
-                data.append(buf, static_cast<size_t>(n));
-                return true;
-        };
-        size_t end;
-        while ((end = data.find("\r\n\r\n")) == std::string::npos)
-                if (!fill())
-                        return r;
-        r.head = data.substr(0, end + 2);
-        data.erase(0, end + 4);
-        size_t at = r.head.find("\r\nContent-Length: ");
-        if (at != std::string::npos) {
-                size_t length = std::stoul(r.head.substr(at + 18));
-                while (data.size() < length)
-                        if (!fill())
-                                return r;
-                r.body = data.substr(0, length);
-        } else if (r.has("Transfer-Encoding: chunked")) {
-                r.chunked = true;
-                for (;;) {
-                        size_t line;
-                        while ((line = data.find("\r\n")) == std::string::npos)
-                                if (!fill())
-                                        return r;
-                        size_t size = std::stoul(data.substr(0, line), nullptr, 16);
-                        while (data.size() < line + 2 + size + 2)
-                                if (!fill())
-                                        return r;
-                        r.body += data.substr(line + 2, size);
-                        data.erase(0, line + 2 + size + 2);
-                        if (size == 0)
-                                break;
-                }
-        }
-        return r;
-}
 
 std::string get(const std::string& path, const std::string& extra = "") {
         return "GET " + path + " HTTP/1.1\r\nHost: localhost\r\n" + extra + "\r\n";
@@ -256,7 +149,6 @@ protected:
                 servlet("echo", "/echo", nullptr, echo);
                 servlet("big", "/big", big, nullptr);
                 servlet("flood", "/flood", flood, nullptr);
-                servlet("raising", "/raising", raising, nullptr);
                 connector = HttpConnector_new();
                 HttpConnector_setPort(connector, 0);
                 HttpConnector_setBindAddress(connector, "127.0.0.1");
@@ -323,14 +215,9 @@ protected:
                 return n;
         }
 
-        // Waits until the connector holds n connections; false after 5 s.
+        // Waits until the connector holds n connections; false after 20 s.
         bool awaitConnections(int n) {
-                for (int i = 0; i < 500; i++) {
-                        if (connections() == n)
-                                return true;
-                        std::this_thread::sleep_for(10ms);
-                }
-                return false;
+                return eventually([&] { return connections() == n; });
         }
 
         void stop() {
@@ -356,9 +243,9 @@ protected:
 
         // One request on a new connection; the whole answer up to the server's close.
         std::string exchange(const std::string& request) {
-                int fd = connectTo(port);
-                sendAll(fd, request);
-                std::string answer = readToClose(fd);
+                int fd = dial(port);
+                EXPECT_TRUE(sendAll(fd, request));
+                std::string answer = readAll(fd);
                 close(fd);
                 return answer;
         }
@@ -389,21 +276,14 @@ void expectErrorPage(const std::string& answer, int status, const std::string& m
 
 /* ------------------------------------------------------------- Settings */
 
-TEST(HttpConnectorSettings, DefaultsUnitsAndChecks) {
+TEST(HttpConnectorSettings, UnitsAndChecks) {
         HttpConnector_T H = HttpConnector_new();
-        EXPECT_EQ(HttpConnector_getPort(H), 8080);
-        EXPECT_EQ(HttpConnector_getProcessorThreads(H), 128);
-        EXPECT_EQ(HttpConnector_getConnectionTimeout(H), 30);
-        EXPECT_EQ(HttpConnector_getContentLengthLimit(H), 51200000);
-        EXPECT_EQ(HttpConnector_getContentLengthBufferLimit(H), 32768);
         HttpConnector_setSecure(H, 1);
         EXPECT_STREQ(HttpConnector_getScheme(H), "https");
         HttpConnector_setBindAddress(H, "*");
         EXPECT_EQ(HttpConnector_getBindAddress(H), nullptr);
         HttpConnector_setConnectionTimeout(H, 2147483647);  // no overflow into the negative
         EXPECT_GT(HttpConnector_getConnectionTimeout(H), 2000000);
-        EXPECT_EQ(assertion([&] { HttpConnector_setProcessorThreads(H, 0); }), "processors > 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setContentLengthLimit(H, -1); }), "limit >= 0");
         HttpConnector_free(&H);
         Reactor_free();
 }
@@ -427,14 +307,14 @@ TEST(HttpConnectorSettings, PortInUseRaisesAndFreesCleanly) {
 
 TEST_F(HttpConnectorTest, ServesKeepsAliveAndWritesTheAccessLog) {
         start();
-        int fd = connectTo(port);
-        sendAll(fd, get("/hello", "Referer: http://x/\r\nUser-Agent: tester\r\n"));
-        Response r = readResponse(fd);
-        EXPECT_EQ(r.status(), 200);
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, get("/hello", "Referer: http://x/\r\nUser-Agent: tester\r\n")));
+        Reply r = parse(readResponse(fd));
+        EXPECT_EQ(r.status, 200);
         EXPECT_EQ(r.body, "hello");
-        EXPECT_TRUE(r.has("Connection: keep-alive")) << r.head;
-        sendAll(fd, get("/hello"));
-        EXPECT_EQ(readResponse(fd).body, "hello");
+        EXPECT_EQ(r.header("Connection"), "keep-alive") << r.head;
+        ASSERT_TRUE(sendAll(fd, get("/hello")));
+        EXPECT_EQ(parse(readResponse(fd)).body, "hello");
         close(fd);
         std::istringstream log(accessLines());
         std::string first, second, rest;
@@ -452,59 +332,34 @@ TEST_F(HttpConnectorTest, ServesKeepsAliveAndWritesTheAccessLog) {
         EXPECT_EQ(second.substr(41), "] \"GET /hello HTTP/1.1\" 200 5 \"-\" \"-\"");
 }
 
-TEST_F(HttpConnectorTest, HundredthRequestClosesTheConnection) {
-        start();
-        int fd = connectTo(port);
-        for (int i = 1; i <= 100; i++) {
-                sendAll(fd, get("/hello"));
-                Response r = readResponse(fd);
-                ASSERT_EQ(r.body, "hello") << "request " << i;
-                if (i < 100)
-                        ASSERT_TRUE(r.has("Keep-Alive: timeout=1, max=" + std::to_string(100 - i)))
-                            << r.head;
-                else
-                        EXPECT_TRUE(r.has("Connection: close")) << r.head;
-        }
-        EXPECT_EQ(readToClose(fd), "");
-        close(fd);
-}
-
 TEST_F(HttpConnectorTest, KeepAliveSettingsBoundEachConnection) {
         HttpConnector_setKeepAliveRequests(connector, 3);
         HttpConnector_setKeepAliveTimeout(connector, 2);
-        EXPECT_EQ(HttpConnector_getKeepAliveRequests(connector), 3);
-        EXPECT_EQ(HttpConnector_getKeepAliveTimeout(connector), 2);
-        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveRequests(connector, 0); }),
-                  "requests > 0");
-        EXPECT_EQ(assertion([&] { HttpConnector_setKeepAliveTimeout(connector, 0); }),
-                  "timeout > 0");
         start();
-        int fd = connectTo(port);
+        int fd = dial(port);
         for (int i = 1; i <= 3; i++) {
-                sendAll(fd, get("/hello"));
-                Response r = readResponse(fd);
+                ASSERT_TRUE(sendAll(fd, get("/hello")));
+                Reply r = parse(readResponse(fd));
                 ASSERT_EQ(r.body, "hello") << "request " << i;
-                if (i < 3)
-                        EXPECT_TRUE(r.has("Keep-Alive: timeout=2, max=" + std::to_string(3 - i)))
-                            << r.head;
-                else
-                        EXPECT_TRUE(r.has("Connection: close")) << r.head;
+                EXPECT_EQ(r.header(i < 3 ? "Keep-Alive" : "Connection"),
+                          i < 3 ? "timeout=2, max=" + std::to_string(3 - i) : "close")
+                    << r.head;
         }
-        EXPECT_EQ(readToClose(fd), "");
+        EXPECT_EQ(readAll(fd), "");
         close(fd);
 }
 
 TEST_F(HttpConnectorTest, ChunkedResponseWhenTheBodyOutgrowsTheBuffer) {
         start();
-        int fd = connectTo(port);
-        sendAll(fd, get("/big"));
-        Response r = readResponse(fd);
-        EXPECT_TRUE(r.chunked) << r.head;
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, get("/big")));
+        Reply r = parse(readResponse(fd));
+        EXPECT_EQ(r.header("Transfer-Encoding"), "chunked") << r.head;
         EXPECT_EQ(r.body.size(), 30000u);
         EXPECT_EQ(r.body.find_first_not_of("b\n"), std::string::npos);
         // The connection is still good for the next request.
-        sendAll(fd, get("/hello"));
-        EXPECT_EQ(readResponse(fd).body, "hello");
+        ASSERT_TRUE(sendAll(fd, get("/hello")));
+        EXPECT_EQ(parse(readResponse(fd)).body, "hello");
         close(fd);
         // Only body bytes are counted, without head or chunk framing.
         EXPECT_NE(accessLines().find("\"GET /big HTTP/1.1\" 200 30000 "), std::string::npos);
@@ -519,17 +374,6 @@ TEST_F(HttpConnectorTest, ProxySettingsOverrideWhatTheClientSent) {
         EXPECT_NE(answer.find("\r\n\r\nhttps://www.example.com:443"), std::string::npos) << answer;
 }
 
-TEST_F(HttpConnectorTest, ServletRaiseBecomesA500AndTheConnectionComesBack) {
-        start();
-        // The error page closes the connection, so it is delimited by the close.
-        std::string answer = exchange(get("/raising"));
-        EXPECT_EQ(answer.rfind("HTTP/1.1 500 ", 0), 0u) << answer;
-        EXPECT_NE(answer.find("IOException: disk on fire. See error log for details"),
-                  std::string::npos)
-            << answer;
-        EXPECT_NE(accessLines().find("\"GET /raising HTTP/1.1\" 500 "), std::string::npos);
-}
-
 /* ------------------------------------------------------------ Bodies */
 
 TEST_F(HttpConnectorTest, BodyInManySmallWritesOutlastsTheReadTimeout) {
@@ -537,15 +381,15 @@ TEST_F(HttpConnectorTest, BodyInManySmallWritesOutlastsTheReadTimeout) {
         start();
         std::string body = "data=" + std::string(295, 'x');
         std::string request = post("/echo", body);
-        int fd = connectTo(port);
-        sendAll(fd, request.substr(0, request.size() - body.size()));
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, request.substr(0, request.size() - body.size())));
         // Thirty pieces over 1.5 s: each wait for more gets the full second again.
         for (size_t i = 0; i < body.size(); i += 10) {
                 std::this_thread::sleep_for(50ms);
-                sendAll(fd, body.substr(i, 10));
+                ASSERT_TRUE(sendAll(fd, body.substr(i, 10)));
         }
-        Response r = readResponse(fd);
-        EXPECT_EQ(r.status(), 200);
+        Reply r = parse(readResponse(fd));
+        EXPECT_EQ(r.status, 200);
         EXPECT_EQ(r.body, std::string(295, 'x'));
         EXPECT_EQ(bodyFilesSeen, 0);
         close(fd);
@@ -555,29 +399,14 @@ TEST_F(HttpConnectorTest, BodyOverTheBufferLimitGoesThroughATemporaryFile) {
         HttpConnector_setContentLengthBufferLimit(connector, 1024);
         start();
         std::string data(20000, 'y');
-        int fd = connectTo(port);
-        sendAll(fd, post("/echo", "data=" + data));
-        Response r = readResponse(fd);
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, post("/echo", "data=" + data)));
+        Reply r = parse(readResponse(fd));
         EXPECT_EQ(r.body, data);
         EXPECT_EQ(bodyFilesSeen, 1);
         close(fd);
         onReactor([] {});  // the request has ended once the Reactor is past its last write
         EXPECT_EQ(countBodyFiles(), 0);
-}
-
-TEST_F(HttpConnectorTest, GzipRequestBodyIsInflated) {
-        start();
-        std::string packed = gzip("data=" + std::string(5000, 'z') + "&other=1");
-        int fd = connectTo(port);
-        sendAll(fd,
-                "POST /echo HTTP/1.1\r\nHost: localhost\r\nContent-Type: "
-                "application/x-www-form-urlencoded\r\nContent-Encoding: gzip\r\n"
-                "Content-Length: " +
-                    std::to_string(packed.size()) + "\r\n\r\n" + packed);
-        Response r = readResponse(fd);
-        EXPECT_EQ(r.status(), 200);
-        EXPECT_EQ(r.body, std::string(5000, 'z'));
-        close(fd);
 }
 
 TEST_F(HttpConnectorTest, BodyOverTheLimitGets413AndClientLeavingMidBodyIsDropped) {
@@ -586,9 +415,9 @@ TEST_F(HttpConnectorTest, BodyOverTheLimitGets413AndClientLeavingMidBodyIsDroppe
         expectErrorPage(exchange(post("/echo", "data=" + std::string(200, 'x'))), 413, "");
         // Half a body, then the client goes: no answer, the store is removed.
         onReactor([this] { HttpConnector_setContentLengthBufferLimit(connector, 10); });
-        int fd = connectTo(port);
+        int fd = dial(port);
         std::string request = post("/echo", "data=" + std::string(90, 'x'));
-        sendAll(fd, request.substr(0, request.size() - 40));
+        ASSERT_TRUE(sendAll(fd, request.substr(0, request.size() - 40)));
         EXPECT_TRUE(awaitConnections(1));
         close(fd);
         EXPECT_TRUE(awaitConnections(0));
@@ -602,9 +431,9 @@ TEST_F(HttpConnectorTest, SilentNewConnectionGets408) {
         // Silence is answered before the first request, whatever the connection's count.
         HttpConnector_setKeepAliveRequests(connector, 3);
         start();
-        int fd = connectTo(port);
+        int fd = dial(port);
         auto begun = std::chrono::steady_clock::now();
-        std::string answer = readToClose(fd);
+        std::string answer = readAll(fd);
         EXPECT_GE(std::chrono::steady_clock::now() - begun, 900ms);
         expectErrorPage(answer, 408, "");
         close(fd);
@@ -612,21 +441,21 @@ TEST_F(HttpConnectorTest, SilentNewConnectionGets408) {
 
 TEST_F(HttpConnectorTest, IdleKeptAliveConnectionIsClosedWithoutAnAnswer) {
         start();
-        int fd = connectTo(port);
-        sendAll(fd, get("/hello"));
-        EXPECT_EQ(readResponse(fd).body, "hello");
-        EXPECT_EQ(readToClose(fd), "");
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, get("/hello")));
+        EXPECT_EQ(parse(readResponse(fd)).body, "hello");
+        EXPECT_EQ(readAll(fd), "");
         close(fd);
 }
 
 TEST_F(HttpConnectorTest, HalfAHeadWithOneSecondOfBudgetIsDropped) {
         HttpConnector_setConnectionTimeout(connector, 1);
         start();
-        int fd = connectTo(port);
-        sendAll(fd, "GET /hello HTTP/1.1\r\nHost: loc");
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, "GET /hello HTTP/1.1\r\nHost: loc"));
         // 1000 ms less 1000 for the incomplete read: closed at once, no answer.
         auto begun = std::chrono::steady_clock::now();
-        EXPECT_EQ(readToClose(fd), "");
+        EXPECT_EQ(readAll(fd), "");
         EXPECT_LT(std::chrono::steady_clock::now() - begun, 900ms);
         close(fd);
 }
@@ -637,17 +466,6 @@ TEST_F(HttpConnectorTest, HeadWithoutEndFillingTheBufferGets400) {
         // page is not lost to a reset.
         std::string head = "GET /" + std::string(4096 - 5, 'a');
         expectErrorPage(exchange(head), 400, "Request too large");
-}
-
-TEST_F(HttpConnectorTest, HeadOfExactlyTheBufferIsServed) {
-        start();
-        std::string head = get("/hello", "Connection: close\r\n");
-        std::string pad = "X-Pad: ";
-        head.insert(head.size() - 2,
-                    pad + std::string(4096 - head.size() - pad.size() - 2, 'p') + "\r\n");
-        ASSERT_EQ(head.size(), 4096u);
-        std::string answer = exchange(head);
-        EXPECT_EQ(answer.rfind("HTTP/1.1 200 OK\r\n", 0), 0u) << answer;
 }
 
 TEST_F(HttpConnectorTest, ParserAndMappingFailuresAnswerWithTheirPages) {
@@ -663,26 +481,19 @@ TEST_F(HttpConnectorTest, ParserAndMappingFailuresAnswerWithTheirPages) {
 
 TEST_F(HttpConnectorTest, ClientLeavingMidResponseDoesNotDisturbOthers) {
         start();
-        int leaving = connectTo(port);
-        int rcv = 4096;
-        setsockopt(leaving, SOL_SOCKET, SO_RCVBUF, &rcv, sizeof rcv);
-        sendAll(leaving, get("/flood"));
-        char some[1024];
-        struct pollfd p = {leaving, POLLIN, 0};
-        ASSERT_EQ(poll(&p, 1, 5000), 1);
-        ASSERT_GT(read(leaving, some, sizeof some), 0);
+        int leaving = dial(port, 4096);
+        ASSERT_TRUE(sendAll(leaving, get("/flood")));
+        ASSERT_EQ(readAll(leaving, 1024).size(), 1024u);
         // While the flood is stuck on a full socket, another client is served.
-        int other = connectTo(port);
-        sendAll(other, get("/hello"));
-        EXPECT_EQ(readResponse(other).body, "hello");
+        int other = dial(port);
+        ASSERT_TRUE(sendAll(other, get("/hello")));
+        EXPECT_EQ(parse(readResponse(other)).body, "hello");
         struct linger reset = {1, 0};
         setsockopt(leaving, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
         close(leaving);
-        for (int i = 0; i < 500 && !floodEnded; i++)
-                std::this_thread::sleep_for(10ms);
-        EXPECT_TRUE(floodEnded);
-        sendAll(other, get("/hello"));
-        EXPECT_EQ(readResponse(other).body, "hello");
+        EXPECT_TRUE(eventually([] { return floodEnded.load(); }));
+        ASSERT_TRUE(sendAll(other, get("/hello")));
+        EXPECT_EQ(parse(readResponse(other)).body, "hello");
         close(other);
         EXPECT_TRUE(awaitConnections(0));
         EXPECT_EQ(accessLines().find("/flood"), std::string::npos);
@@ -690,10 +501,10 @@ TEST_F(HttpConnectorTest, ClientLeavingMidResponseDoesNotDisturbOthers) {
 
 TEST_F(HttpConnectorTest, PipelinedSecondRequestIsDropped) {
         start();
-        int fd = connectTo(port);
-        sendAll(fd, get("/hello") + get("/hello"));
-        EXPECT_EQ(readResponse(fd).body, "hello");
-        EXPECT_EQ(readToClose(fd), "");
+        int fd = dial(port);
+        ASSERT_TRUE(sendAll(fd, get("/hello") + get("/hello")));
+        EXPECT_EQ(parse(readResponse(fd)).body, "hello");
+        EXPECT_EQ(readAll(fd), "");
         close(fd);
 }
 
@@ -706,7 +517,7 @@ TEST_F(HttpConnectorTest, SecurePortTakesItsIdentityFromTheHostOfTheAddress) {
         Host_start(secure);
         HttpConnector_setSecure(connector, 1);
         start();
-        int fd = connectTo(port);
+        int fd = dial(port);
         {
                 RawTlsClient tls(fd);
                 ASSERT_TRUE(tls.connect());
@@ -748,7 +559,7 @@ TEST_F(HttpConnectorTest, RefusedUploadOverTlsIsAnsweredBeforeTheClose) {
                 }
                 ~IgnoreBrokenPipe() { sigaction(SIGPIPE, &saved, nullptr); }
         } ignoring;
-        int fd = connectTo(port);
+        int fd = dial(port);
         {
                 RawTlsClient tls(fd);
                 ASSERT_TRUE(tls.connect());

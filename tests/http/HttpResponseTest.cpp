@@ -53,29 +53,6 @@ TEST(HttpResponse, SmallBodyGetsContentLength) {
         EXPECT_TRUE(HttpResponse_isCommited(x.r()));
 }
 
-TEST(HttpResponse, LargeBodyIsChunkedOnKeptConnectionOnly) {
-        std::string body(10000, 'x');
-        {
-                Exchange x;
-                OutputStream_write(x.out(), body.data(), static_cast<int>(body.size()));
-                std::string got = x.finish();
-                EXPECT_TRUE(has(got, "Transfer-Encoding: chunked\r\n"));
-                EXPECT_FALSE(has(got, "Content-Length"));
-                EXPECT_TRUE(has(got, "\r\n0\r\n\r\n"));
-        }
-        {
-                Exchange x;
-                HttpResponse_setHeader(x.r(), "Connection", "close");
-                OutputStream_write(x.out(), body.data(), static_cast<int>(body.size()));
-                std::string got = x.finish();
-                EXPECT_FALSE(has(got, "chunked"));
-                EXPECT_FALSE(has(got, "Content-Length"));
-                EXPECT_FALSE(has(got, "Keep-Alive"));
-                EXPECT_EQ(HttpResponse_getKeepAlive(x.r()), 0);
-                EXPECT_TRUE(has(got, body));
-        }
-}
-
 TEST(HttpResponse, SendErrorKeepsTheConnectionOnlyFor404) {
         {
                 Exchange x;

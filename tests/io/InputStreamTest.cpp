@@ -7,7 +7,6 @@
 #include <vesk/Arena.h>
 #include <vesk/InetAddress.h>
 #include <vesk/InputStream.h>
-#include <vesk/OutputStream.h>
 
 #include "support/StreamSupport.hpp"
 #include "support/Support.hpp"
@@ -50,7 +49,6 @@ TEST(InputStream, HeadFoundAtTheSamePlaceWholeOrByteByByte) {
         const std::string head = "GET /index.html HTTP/1.1\r\nHost: a\r\n\r\n";
         const std::string body = "BODY";
         Loopback whole;
-        ASSERT_TRUE(whole.peer);
         EXPECT_EQ(feed(whole, head + body, 4096).first, static_cast<int>(head.size()));
         InputStream_T in = InetAddress_getInputStream(whole.peer);
         // The stream stands at the body, for the reads that follow.
@@ -59,7 +57,6 @@ TEST(InputStream, HeadFoundAtTheSamePlaceWholeOrByteByByte) {
         EXPECT_STREQ(b, "BODY");
 
         Loopback trickle;
-        ASSERT_TRUE(trickle.peer);
         auto [end, calls] = feed(trickle, head, 1);
         EXPECT_EQ(end, static_cast<int>(head.size()));
         EXPECT_EQ(calls, static_cast<int>(head.size()));
@@ -67,22 +64,18 @@ TEST(InputStream, HeadFoundAtTheSamePlaceWholeOrByteByByte) {
 
 TEST(InputStream, LeadingWhiteSpaceIsLimited) {
         Loopback ok;
-        ASSERT_TRUE(ok.peer);
         std::string head = "GET / HTTP/1.0\n\n";
         EXPECT_EQ(feed(ok, std::string(21, '\n') + head + "x", 4096).first,
                   21 + static_cast<int>(head.size()));
         Loopback hostile;
-        ASSERT_TRUE(hostile.peer);
         EXPECT_EQ(feed(hostile, std::string(22, ' ') + head, 4096).first, -1);
         // Spread over several reads the count carries on.
         Loopback split;
-        ASSERT_TRUE(split.peer);
         EXPECT_EQ(feed(split, std::string(30, '\r'), 10).first, -1);
 }
 
 TEST(InputStream, HeadEndingInTwoLineFeedsNeedsOneMoreByte) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InputStream_T in = reactorStream(L);
         char* buffer;
         L.send("GET / HTTP/1.0\n\n");
@@ -95,21 +88,17 @@ TEST(InputStream, HeadEndingInTwoLineFeedsNeedsOneMoreByte) {
 TEST(InputStream, HeadOfExactlyTheBufferSize) {
         std::string filler = "GET / HTTP/1.1\r\nX: " + std::string(4096 - 23, 'a');
         Loopback full;
-        ASSERT_TRUE(full.peer);
         EXPECT_EQ(feed(full, filler + "\r\n\r\n", 1000).first, 4096);
 
         Loopback overflow;
-        ASSERT_TRUE(overflow.peer);
         EXPECT_EQ(feed(overflow, filler + "\r\n\r\n" + "more", 1000).first, 4096);
 
         Loopback noEnd;
-        ASSERT_TRUE(noEnd.peer);
         EXPECT_EQ(feed(noEnd, filler + "aaaa", 1000).first, -2);
 }
 
 TEST(InputStream, EndOfStreamAndNoData) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InputStream_T in = reactorStream(L);
         char* buffer;
         EXPECT_EQ(InputStream_hasRequest(in, &buffer), 0);
@@ -131,7 +120,6 @@ TEST(InputStream, EndOfStreamAndNoData) {
 
 TEST(InputStream, ReadWaitsForItsTimeoutOnly) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InputStream_T in = InetAddress_getInputStream(L.peer);
         InputStream_setTimeout(in, 30);
         EXPECT_EQ(InputStream_read(in), -1);
@@ -149,7 +137,6 @@ TEST(InputStream, ReadWaitsForItsTimeoutOnly) {
 
 TEST(InputStream, ChunkedBodyDeliversEachChunkWithItsCarriageReturn) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InputStream_T in = InetAddress_getInputStream(L.peer);
         InputStream_setChunked(in, 1);
         L.send("5;name=value\r\nhello\r\n0000006\r\n world\r\n0\r\nTrailer: x\r\n\r\n");
@@ -164,7 +151,6 @@ TEST(InputStream, ChunkedBodyDeliversEachChunkWithItsCarriageReturn) {
 TEST(InputStream, BadChunkTokensCloseTheStream) {
         for (const char* body : {"12345678\r\nx", "zz", "5"}) {
                 Loopback L;
-                ASSERT_TRUE(L.peer);
                 InputStream_T in = InetAddress_getInputStream(L.peer);
                 InputStream_setTimeout(in, 0);
                 InputStream_setChunked(in, 1);
@@ -178,7 +164,6 @@ TEST(InputStream, BadChunkTokensCloseTheStream) {
 
 TEST(InputStream, SkipAndClear) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InputStream_T in = InetAddress_getInputStream(L.peer);
         InputStream_setTimeout(in, 100);
         L.send("0123456789");
@@ -201,30 +186,4 @@ TEST(InputStream, LifecycleChecks) {
         InputStream_T inArena = InputStream_alloc(A, -1);
         EXPECT_EQ(assertion([&] { InputStream_free(&inArena); }), "! (*S)->arena");
         Arena_dispose(&A);
-}
-
-TEST(InputStream, ChunkedResponseOfTheOutputStreamDecodes) {
-        Loopback L;
-        ASSERT_TRUE(L.peer);
-        std::string payload;
-        for (int i = 0; payload.size() < 10000; i++)
-                payload += "line " + std::to_string(i) + "\n";
-        OutputStream_T out = InetAddress_getOutputStream(L.peer);
-        OutputStream_setChunked(out, 1);
-        OutputStream_write(out, payload.data(), static_cast<int>(payload.size()));
-        OutputStream_endChunked(out);
-        EXPECT_GT(OutputStream_flush(out), 0);
-
-        // Read it back through a stream over the client's descriptor.
-        InputStream_T in = InputStream_new(L.client);
-        InputStream_setChunked(in, 1);
-        std::string decoded = readAll(in);
-        EXPECT_FALSE(InputStream_isClosed(in));
-        EXPECT_FALSE(InputStream_isChunked(in));
-        std::string stripped;
-        for (char c : decoded)
-                if (c != '\r')
-                        stripped += c;
-        EXPECT_EQ(stripped, payload);
-        InputStream_free(&in);
 }

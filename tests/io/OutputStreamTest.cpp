@@ -91,7 +91,6 @@ TEST(Chain, AppendReusesFreeNodes) {
 
 TEST(OutputStream, ChunkedResponseFraming) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         Arena_T A = InetAddress_getArena(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         OutputStream_setBufferSize(out, 8192);
@@ -113,7 +112,6 @@ TEST(OutputStream, ChunkedResponseFraming) {
 
 TEST(OutputStream, EmptyChunkedBodyAndLaterChunks) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         Arena_T A = InetAddress_getArena(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         OutputStream_setChunked(out, 1);
@@ -141,10 +139,7 @@ TEST(OutputStream, EmptyChunkedBodyAndLaterChunks) {
 
 TEST(OutputStream, GzipBodyReadsBackByteIdentical) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
-        EXPECT_EQ(assertion([&] { OutputStream_startCompress(out, 10); }),
-                  "(level >= 0) && (level <= 9)");
         EXPECT_TRUE(OutputStream_startCompress(out, 6));
         EXPECT_TRUE(OutputStream_isCompressed(out));
         std::string body = text(300000);
@@ -181,7 +176,6 @@ TEST(OutputStream, ClearDropsEverythingAlsoWhileCompressing) {
 
 TEST(OutputStream, ADiscardingStreamSendsTheHeadAlone) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         OutputStream_setDiscard(out, 1);
         // Far past the buffer, through every writer: measured, never buffered.
@@ -235,7 +229,6 @@ const OutputStream_Response kOwnerCalls = {
 
 TEST(OutputStream, AnAttachedResponseIsCommittedOnceAndAskedBeforeCompressing) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         const char* plainHead = "HTTP/1.1 200 OK\r\n\r\n";
         Owner owner{out, head(InetAddress_getArena(L.peer), plainHead)};
@@ -272,7 +265,6 @@ TEST(OutputStream, AnAttachedResponseIsCommittedOnceAndAskedBeforeCompressing) {
 
 TEST(OutputStream, PartialWritesResumeWithoutSecondChunkLines) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InetAddress_setNonBlocking(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         OutputStream_setBufferSize(out, 1 << 30);  // buffer it all, flush by hand
@@ -317,7 +309,6 @@ TEST(OutputStream, PartialWritesResumeWithoutSecondChunkLines) {
 
 TEST(OutputStream, PeerGoneClosesTheStreamForGood) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         // A reset from the client makes the next write fail with no signal.
         struct linger reset = {1, 0};

@@ -150,11 +150,6 @@ TEST_F(BuildTest, ParsesAServerIntoItsTree) {
         EXPECT_TRUE(Logger_getTimestamp(Host_getLogger(host)));
 }
 
-TEST_F(BuildTest, LoggerWithoutTimestampWritesNone) {
-        ASSERT_EQ(parse(inHost("<Logger directory=\"logs\" fileName=\"app.log\"/>\n")), "");
-        EXPECT_FALSE(Logger_getTimestamp(Host_getLogger(Build_findHost(B, "localhost"))));
-}
-
 TEST_F(BuildTest, RepeatedServiceAndEngineConfigureTheSameObjects) {
         mkdir((home / "other").c_str(), 0755);
         std::string xml =

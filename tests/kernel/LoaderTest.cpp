@@ -134,8 +134,6 @@ TEST_F(Module, DsoLoadsAndRefusesFiles) {
         EXPECT_EQ(Dso_reLoad(w), w);
         EXPECT_TRUE(Dso_unLoad(w));
         Wrapper_free(&w);
-        EXPECT_EQ(w, nullptr);
-        EXPECT_EQ(assertion([] { Dso_reLoad(nullptr); }), "servlet");
         std::string brokenPath = dir / "WEB-INF/classes/broken.clazz";
         dir.install("broken", "broken");
         EXPECT_EQ(Dso_load(brokenPath.c_str(), "broken"), nullptr);
@@ -152,7 +150,6 @@ TEST(ServletConfig, KeepsParametersAndCachesTheirNames) {
         EXPECT_STREQ(names[0], "a");
         EXPECT_EQ(names[1], nullptr);
         ServletConfig_free(&c);
-        EXPECT_EQ(c, nullptr);
 }
 
 }  // namespace

@@ -9,31 +9,6 @@
 
 namespace {
 
-struct Request : Connection {
-        Request(const std::string& method, const std::string& uri,
-                const std::string& headers = "") {
-                parse(method + " " + uri + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n");
-        }
-        // As the connector does, the request and response know their Context.
-        std::string run(Context_T C) {
-                HttpRequest_setContext(request, C);
-                HttpResponse_setContext(response(), C);
-                Context_invoke(C, request, response());
-                HttpResponse_finalize(response());
-                OutputStream_flush(HttpResponse_getOutputStream(response()));
-                return received();
-        }
-};
-
-int status(const std::string& response) {
-        return response.size() > 12 ? std::stoi(response.substr(9, 3)) : 0;
-}
-
-std::string body(const std::string& response) {
-        size_t end = response.find("\r\n\r\n");
-        return end == std::string::npos ? "" : response.substr(end + 4);
-}
-
 struct ServerPages : ::testing::Test {
         AppDir dir;
         Context_T C = Context_new();
@@ -42,10 +17,9 @@ struct ServerPages : ::testing::Test {
                 Context_setDocBase(C, dir.path().c_str());
         }
         ~ServerPages() override { Context_free(&C); }
-        std::string get(const std::string& uri, const std::string& headers = "",
-                        const std::string& method = "GET") {
-                Request r(method, uri, headers);
-                return r.run(C);
+        Reply get(const std::string& uri, const std::string& headers = "",
+                  const std::string& method = "GET") {
+                return Exchange(method, uri, "localhost", headers).run(C);
         }
 };
 
@@ -58,47 +32,46 @@ TEST_F(ServerPages, RendersTheRequestViewWithEscaping) {
                   "[<?cs var:Request.Header.AcceptLanguage ?>]"
                   "[<?cs var:Request.PathLevel ?>]"
                   "[<?cs var:Request.Method ?>]");
-        std::string r = get("/app/a/page.csp?q=%3Cb%3E%26'x", "Accept-Language: da\r\n");
-        EXPECT_EQ(status(r), 200) << r;
-        EXPECT_TRUE(contains(r, "Content-Type: text/html")) << r;
-        EXPECT_EQ(body(r),
+        Reply r = get("/app/a/page.csp?q=%3Cb%3E%26'x", "Accept-Language: da\r\n");
+        EXPECT_EQ(r.status, 200) << r.head;
+        EXPECT_EQ(r.header("Content-Type").rfind("text/html", 0), 0u) << r.head;
+        EXPECT_EQ(r.body,
                   "[&lt;b&gt;&amp;&#39;x][%3Cb%3E%26%27x][\\x3Cb\\x3E\\x26\\x27x][da][3][GET]");
         // A HEAD builds the page and renders nothing.
         r = get("/app/a/page.csp", "", "HEAD");
-        EXPECT_EQ(status(r), 200);
-        EXPECT_EQ(body(r), "");
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(r.body, "");
 }
 
 TEST_F(ServerPages, ReservedNamesRedirectAndSendErrors) {
         dir.write("go.csp", "text<?cs set:Response.redirect = \"/app/there\" ?>");
-        std::string r = get("/app/go.csp");
-        EXPECT_EQ(status(r), 302) << r;
-        EXPECT_TRUE(contains(r, "Location: ")) << r;
-        EXPECT_TRUE(contains(r, "/app/there")) << r;
+        Reply r = get("/app/go.csp");
+        EXPECT_EQ(r.status, 302) << r.head;
+        EXPECT_TRUE(contains(r.header("Location"), "/app/there")) << r.head;
         dir.write("deny.csp",
                   "<?cs set:Error.status_code = 403 ?>"
                   "<?cs set:Error.message = \"Not for you\" ?>");
         r = get("/app/deny.csp");
-        EXPECT_EQ(status(r), 403) << r;
-        EXPECT_TRUE(contains(r, "Not for you")) << r;
+        EXPECT_EQ(r.status, 403) << r.head;
+        EXPECT_TRUE(contains(r.body, "Not for you")) << r.body;
 }
 
 TEST_F(ServerPages, AMissingPageIs404WithTheURIShownAsText) {
-        std::string r = get("/app/none%3Cx%3E.csp");
-        EXPECT_EQ(status(r), 404) << r;
-        EXPECT_FALSE(contains(body(r), "<x>")) << r;
-        EXPECT_FALSE(contains(body(r), "<i>")) << r;
+        Reply r = get("/app/none%3Cx%3E.csp");
+        EXPECT_EQ(r.status, 404) << r.head;
+        EXPECT_FALSE(contains(r.body, "<x>")) << r.body;
+        EXPECT_FALSE(contains(r.body, "<i>")) << r.body;
 }
 
 TEST_F(ServerPages, ATemplateErrorIsAClear500) {
         dir.write("bad.csp", "before <?cs if:x ?> never closed");
-        std::string r = get("/app/bad.csp");
-        EXPECT_EQ(status(r), 500) << r;
-        EXPECT_EQ(body(r).rfind("ServerPage error:\r\n\r\n", 0), 0u) << r;
-        EXPECT_FALSE(contains(r, "before")) << r;
+        Reply r = get("/app/bad.csp");
+        EXPECT_EQ(r.status, 500) << r.head;
+        EXPECT_EQ(r.body.rfind("ServerPage error:\r\n\r\n", 0), 0u) << r.body;
+        EXPECT_FALSE(contains(r.body, "before")) << r.body;
         // The server goes on serving.
         dir.write("good.csp", "fine");
-        EXPECT_EQ(body(get("/app/good.csp")), "fine");
+        EXPECT_EQ(get("/app/good.csp").body, "fine");
 }
 
 }  // namespace

@@ -56,57 +56,8 @@ std::string readLine(InputStream_T in) {
         return InputStream_readLine(in, line, sizeof line) ? line : "";
 }
 
-TEST_F(SSLTest, RoundTripThroughStreamsOnBothEnds) {
-        ServerSocket_T listener = ServerSocket_new(0, "127.0.0.1", 4);
-        std::string big(200000, 'x');
-        for (size_t i = 0; i < big.size(); i += 97)
-                big[i] = static_cast<char>('a' + i % 26);
-        std::string serverGot, serverError;
-        int version = 0;
-        std::thread t([&] {
-                TRY
-                        if (!Net_canRead(ServerSocket_getSocket(listener), 3000))
-                            THROW(IOException, "no connection");
-                        InetAddress_T inet = ServerSocket_accept(listener);
-                        SSLAccept(server, inet);
-                        InputStream_T in = InetAddress_getInputStream(inet);
-                        serverGot = readLine(in);
-                        std::string body(big.size(), 0);
-                        InputStream_readBytes(in, body.data(), static_cast<int>(body.size()));
-                        OutputStream_T out = InetAddress_getOutputStream(inet);
-                        OutputStream_print(out, "echo %s", serverGot.c_str());
-                        OutputStream_write(out, body.data(), static_cast<int>(body.size()));
-                        OutputStream_flush(out);
-                        version = SSL_version(SSLTransport_native(InetAddress_getSSL(inet)));
-                        InetAddress_free(&inet);
-                ELSE
-                        serverError = Exception_frame.message;
-                END_TRY;
-        });
-        Socket_T client = Socket_new("127.0.0.1", ServerSocket_getPort(listener), 1);
-        EXPECT_TRUE(InetAddress_isSecure(Socket_getInetAddress(client)));
-        OutputStream_T out = Socket_getOutputStream(client);
-        OutputStream_print(out, "hello\n");
-        OutputStream_write(out, big.data(), static_cast<int>(big.size()));
-        while (OutputStream_buffered(out) > 0 && OutputStream_flush(out) > 0)
-                ;
-        InputStream_T in = Socket_getInputStream(client);
-        EXPECT_EQ(readLine(in), "echo hello\n");
-        std::string back(big.size(), 0);
-        EXPECT_EQ(InputStream_readBytes(in, back.data(), static_cast<int>(back.size())),
-                  static_cast<int>(big.size()));
-        EXPECT_TRUE(back == big);
-        t.join();
-        Socket_free(&client);
-        ServerSocket_free(&listener);
-        EXPECT_EQ(serverError, "");
-        EXPECT_EQ(serverGot, "hello\n");
-        EXPECT_GE(version, TLS1_2_VERSION);
-}
-
 TEST_F(SSLTest, HandshakeFinishesInsideTheFirstRead) {
         Loopback lb;
-        ASSERT_TRUE(lb.peer);
         SSL_T ssl = SSLAccept(server, lb.peer);
         EXPECT_EQ(InetAddress_getSSL(lb.peer), ssl);
         EXPECT_FALSE(SSL_is_init_finished(SSLTransport_native(ssl)));
@@ -151,7 +102,6 @@ TEST_F(SSLTest, ProtocolsOlderThanTls12AreRefused) {
                        Case{TLS1_2_VERSION, true}, Case{TLS1_3_VERSION, true}}) {
                 SCOPED_TRACE(c.version);
                 Loopback lb;
-                ASSERT_TRUE(lb.peer);
                 SSL_T ssl = SSLAccept(server, lb.peer);
                 bool connected = false;
                 std::thread t([&] {
@@ -178,7 +128,6 @@ TEST_F(SSLTest, FailuresAreLoggedOnlyInDebugModeAndCleanClosesNever) {
         for (int on : {0, 1}) {
                 Container_Debug = on;
                 Loopback lb;
-                ASSERT_TRUE(lb.peer);
                 SSL_T ssl = SSLAccept(server, lb.peer);
                 lb.send("GET / HTTP/1.0\r\n\r\n");
                 char buf[64];
@@ -191,7 +140,6 @@ TEST_F(SSLTest, FailuresAreLoggedOnlyInDebugModeAndCleanClosesNever) {
                         EXPECT_EQ(log, "");
         }
         Loopback lb;
-        ASSERT_TRUE(lb.peer);
         SSL_T ssl = SSLAccept(server, lb.peer);
         std::thread t([&] {
                 RawTlsClient c(lb.client);
@@ -211,7 +159,6 @@ TEST_F(SSLTest, ClientTurnsTicketsOffOnlyForJabberPorts) {
         for (int port : {5222, 5223, 443}) {
                 SCOPED_TRACE(port);
                 Loopback lb;
-                ASSERT_TRUE(lb.peer);
                 struct sockaddr_storage addr;
                 socklen_t len = sizeof addr;
                 ASSERT_EQ(getpeername(lb.client, reinterpret_cast<struct sockaddr*>(&addr), &len),
@@ -235,7 +182,6 @@ TEST_F(SSLTest, ClientNamesTheServerButNeverAnAddress) {
                                   {"127.0.0.1", nullptr}, {"::1", nullptr}, {"[::1]", nullptr},
                                   {"", nullptr}, {nullptr, nullptr}}) {
                 Loopback lb;
-                ASSERT_TRUE(lb.peer);
                 Net_setNonBlocking(lb.client);
                 struct sockaddr_storage addr;
                 socklen_t len = sizeof addr;
@@ -269,7 +215,6 @@ TEST_F(SSLTest, ServerContextRefusesBadConfiguration) {
 
 TEST_F(SSLTest, FailedHandshakeRaisesAndLeavesTheConnectionPlain) {
         Loopback lb;
-        ASSERT_TRUE(lb.peer);
         // A client that speaks plain HTTP before the server starts TLS.
         lb.send("GET / HTTP/1.0\r\n\r\n");
         EXPECT_EQ(raised([&] { SSLAccept(server, lb.peer); }).rfind("IOException: ", 0), 0u);

@@ -17,12 +17,11 @@
 // One request, parsed from its head.
 struct Exchange : Connection {
         explicit Exchange(const std::string& method, const std::string& uri,
-                          const std::string& host = "") {
+                          const std::string& host = "", const std::string& headers = "") {
                 // HTTP/1.1 requires a Host header, so a request without one is HTTP/1.0.
-                std::string head =
-                    method + " " + uri + (host.empty() ? " HTTP/1.0\r\n" : " HTTP/1.1\r\n");
-                if (!host.empty())
-                        head += "Host: " + host + "\r\n";
+                std::string head = method + " " + uri +
+                                   (host.empty() ? " HTTP/1.0\r\n" : " HTTP/1.1\r\nHost: " + host + "\r\n") +
+                                   headers;
                 if (method == "POST" || method == "PUT")
                         head += "Content-Length: 0\r\n";
                 parse(head + "\r\n");
@@ -36,10 +35,14 @@ struct Exchange : Connection {
                 return received();
         }
         // The body behind the head.
-        std::string body() {
-                std::string all = finish();
-                size_t end = all.find("\r\n\r\n");
-                return end == std::string::npos ? all : all.substr(end + 4);
+        std::string body() { return ::parse(finish()).body; }
+        // The answer of C, with request and response knowing their Context as the connector
+        // makes them.
+        Reply run(Context_T C) {
+                HttpRequest_setContext(request, C);
+                HttpResponse_setContext(response(), C);
+                Context_invoke(C, request, response());
+                return ::parse(finish());
         }
 };
 

@@ -3,24 +3,14 @@
 // in raw HTTP bytes.
 #pragma once
 
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <functional>
 #include <future>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include <vesk/Build.h>
@@ -36,148 +26,13 @@ namespace e2e {
 
 using namespace std::chrono_literals;
 
-inline bool eventually(const std::function<bool()>& done) {
-        for (auto end = std::chrono::steady_clock::now() + 20s;
-             std::chrono::steady_clock::now() < end; std::this_thread::sleep_for(10ms))
-                if (done())
-                        return true;
-        return false;
+// Names the two ways a suite runs: the launcher in a child process, or Build on a thread here.
+inline std::string way(const testing::TestParamInfo<bool>& info) {
+        return info.param ? "InProcess" : "Launcher";
 }
 
 inline bool exists(const std::string& path) {
         return access(path.c_str(), F_OK) == 0;
-}
-
-inline sockaddr_in loopback(int port) {
-        sockaddr_in a{};
-        a.sin_family = AF_INET;
-        a.sin_port = htons(static_cast<uint16_t>(port));
-        a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return a;
-}
-
-// A port that nothing listens on now.
-inline int freePort() {
-        int s = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in a = loopback(0);
-        socklen_t n = sizeof a;
-        bind(s, reinterpret_cast<sockaddr*>(&a), sizeof a);
-        getsockname(s, reinterpret_cast<sockaddr*>(&a), &n);
-        close(s);
-        return ntohs(a.sin_port);
-}
-
-// A connected socket, or -1; a small receive buffer makes the server wait for the reader.
-inline int dial(int port, int receiveBuffer = 0) {
-        int s = socket(AF_INET, SOCK_STREAM, 0);
-        timeval limit = {20, 0};
-        setsockopt(s, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
-        if (receiveBuffer)
-                setsockopt(s, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
-        sockaddr_in a = loopback(port);
-        if (connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-                close(s);
-                return -1;
-        }
-        return s;
-}
-
-inline std::string readAll(int s, size_t most = std::string::npos) {
-        std::string got;
-        char buffer[65536];
-        while (got.size() < most) {
-                ssize_t n = read(s, buffer, std::min(sizeof buffer, most - got.size()));
-                if (n <= 0)
-                        break;
-                got.append(buffer, static_cast<size_t>(n));
-        }
-        return got;
-}
-
-struct Reply {
-        int status = 0;
-        std::string head, body;
-
-        // The value of the header name (its case as the server writes it), or "".
-        std::string header(const std::string& name) const {
-                size_t at = head.find("\r\n" + name + ": ");
-                if (at == std::string::npos)
-                        return "";
-                at += name.size() + 4;
-                return head.substr(at, head.find("\r\n", at) - at);
-        }
-};
-
-inline Reply parse(const std::string& raw) {
-        Reply r;
-        size_t end = raw.find("\r\n\r\n");
-        if (raw.size() < 12 || end == std::string::npos)
-                return r;
-        r.status = std::stoi(raw.substr(9, 3));
-        r.head = raw.substr(0, end + 2);
-        r.body = raw.substr(end + 4);
-        if (r.header("Transfer-Encoding") == "chunked") {
-                std::string plain;
-                for (size_t at = 0; at < r.body.size();) {
-                        size_t line = r.body.find("\r\n", at);
-                        size_t n = std::stoul(r.body.substr(at, line - at), nullptr, 16);
-                        if (n == 0)
-                                break;
-                        plain += r.body.substr(line + 2, n);
-                        at = line + 2 + n + 2;
-                }
-                r.body = plain;
-        }
-        return r;
-}
-
-inline std::string request(const std::string& uri, const std::string& headers = "",
-                    const std::string& host = "localhost", const std::string& method = "GET") {
-        return method + " " + uri + " HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n" +
-               headers + "\r\n";
-}
-
-// Sends one request with Connection: close and reads the answer to the end.
-inline Reply roundTrip(int port, const std::string& text) {
-        int s = dial(port);
-        if (s < 0)
-                return {};
-        if (send(s, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
-                close(s);
-                return {};
-        }
-        Reply r = parse(readAll(s));
-        close(s);
-        return r;
-}
-
-// Reads exactly one response from a kept-alive connection: the head, then a body framed by
-// Content-Length or chunks (none for HEAD, 1xx, 204 and 304), or everything up to the close.
-inline std::string readResponse(int s, bool head = false) {
-        std::string got;
-        char c;
-        while (got.find("\r\n\r\n") == std::string::npos && read(s, &c, 1) == 1)
-                got += c;
-        Reply r = parse(got);
-        if (head || r.status < 200 || r.status == 204 || r.status == 304)
-                return got;
-        std::string length = r.header("Content-Length");
-        if (!length.empty())
-                return got + readAll(s, std::stoul(length));
-        if (r.header("Transfer-Encoding") != "chunked")
-                return got + readAll(s);
-        for (;;) {
-                std::string line;
-                while (line.find("\r\n") == std::string::npos && read(s, &c, 1) == 1)
-                        line += c;
-                got += line;
-                if (line.size() < 3)
-                        return got;
-                size_t n = std::stoul(line, nullptr, 16);
-                got += readAll(s, n + 2);
-                if (n == 0)
-                        return got;
-        }
 }
 
 // A home with two hosts: "localhost" (also 127.0.0.1) with ROOT and the application /app,
@@ -286,14 +141,14 @@ public:
         bool ready() const { return ready_; }
         std::string failure() const { return failure_; }
 
-        // Stops as a terminal signal would; the launcher's exit status, or 0.
-        int stop() {
+        // Stops as a terminal signal would (the launcher by sig); its exit status, or 0.
+        int stop(int sig = SIGTERM) {
                 int status = 0;
                 if (inProcess_ && thread_.joinable()) {
                         stopAsked_ = true;
                         thread_.join();
                 } else if (!inProcess_ && pid_ > 0) {
-                        kill(pid_, SIGTERM);
+                        kill(pid_, sig);
                         waitpid(pid_, &status, 0);
                         pid_ = -1;
                 }

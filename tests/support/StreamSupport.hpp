@@ -8,6 +8,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -45,6 +47,8 @@ public:
                 if (connect(client, reinterpret_cast<struct sockaddr*>(&addr), len) == 0 &&
                     Net_canRead(ServerSocket_getSocket(server), 2000))
                         peer = ServerSocket_accept(server);
+                if (!peer)
+                        ADD_FAILURE() << "no connection over the loopback interface";
         }
         ~Loopback() {
                 if (peer)

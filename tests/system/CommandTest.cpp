@@ -96,7 +96,6 @@ TEST(Command, ChecksAndMessages) {
                   "AssertException: Command does not contain a program to execute");
         EXPECT_EQ(raised([&] { Command_setDir(C, "/bin/sh"); }),
                   "AssertException: The working directory '/bin/sh' is not a directory");
-        EXPECT_EQ(assertion([&] { Command_setOnTimeout(C, 0, converse, nullptr); }), "timeout > 0");
         Command_setCommand(C, "/bin/echo", "a", "b c", nullptr);
         Command_setCommand(C, "/bin/sh", "-c", "true", nullptr);
         EXPECT_EQ(list(Command_getCommand(C)), (std::vector<std::string>{"/bin/sh", "-c", "true"}));
@@ -125,20 +124,6 @@ TEST(Command, EnvironmentStartsWithPathAlone) {
         // The child sees exactly these, in this order, and nothing of ours.
         Command_setCommand(C, "/usr/bin/env", nullptr);
         EXPECT_EQ(run(C).out, "PATHX=1\nPATH=/bin\nEMPTY=\nA=1\nB=two\n");
-}
-
-TEST(Command, ArenaCommandRuns) {
-        Arena_T arena = Arena_new();
-        Command_T C = Command_alloc(arena);
-        Command_setCommand(C, "/usr/bin/env", nullptr);
-        Command_setEnv(C, "GREETING", "hello");
-        Command_setDir(C, "/");
-        Seen seen;
-        Command_setOnExec(C, converse, &seen);
-        Command_execute(C);
-        EXPECT_EQ(seen.out, std::string(Command_Path) + "\nGREETING=hello\n");
-        EXPECT_EQ(seen.status, 0);
-        Arena_dispose(&arena);
 }
 
 TEST(Process, PipesCarryInputOutputAndErrors) {

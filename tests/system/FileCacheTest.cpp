@@ -122,7 +122,6 @@ TEST_F(FileCacheFixture, MappingRefusesWhatItCannotMap) {
                 EXPECT_TRUE(File_unmap(file));
                 File_free(&file);
         }
-        EXPECT_EQ(assertion([] { File_map(nullptr, "r"); }), "F");
 }
 
 TEST_F(FileCacheFixture, GzipFormDecompressesToTheFileAndLeavesNoTemporary) {
@@ -156,7 +155,6 @@ TEST_F(FileCacheFixture, LimitIsRaisedToTheSmallestAndZeroStays) {
         EXPECT_EQ(FileCache_getMaxSize(F), 0);
         FileCache_setMaxSize(F, 5000000);
         EXPECT_EQ(FileCache_getMaxSize(F), 5000000);
-        EXPECT_EQ(assertion([&] { FileCache_setMaxSize(F, -1); }), "size >= 0");
         EXPECT_EQ(FileCache_getInstance(), F);
 }
 
@@ -329,7 +327,6 @@ TEST_F(FileCacheFixture, FailureIsLoggedAndNotRemembered) {
         ASSERT_NE(map, nullptr);
         EXPECT_EQ(bytes(map), "now");
         FileCache_return(F, map);
-        EXPECT_EQ(assertion([&] { FileCache_get(F, 0, nullptr); }), "path");
 }
 
 TEST_F(FileCacheFixture, PercentInAPathNamesThatFile) {

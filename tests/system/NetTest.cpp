@@ -43,7 +43,6 @@ TEST_P(NetVersions, AcceptedConnectionKnowsBothEnds) {
         if (version == 6 && !hasIPv6Loopback())
                 GTEST_SKIP() << "no ::1 here";
         Loopback L(version);
-        ASSERT_TRUE(L.peer);
         const char* loopback = version == 4 ? "127.0.0.1" : "::1";
         int port = ServerSocket_getPort(L.server);
         EXPECT_STREQ(ServerSocket_getBindAddress(L.server), loopback);
@@ -152,7 +151,6 @@ TEST(Net, HostFunctions) {
 
 TEST(Net, ReadAndWriteTellNoDataFromEnd) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         char b[16];
         // Size 0 never touches the descriptor, not even a bad one.
         errno = 0;
@@ -182,7 +180,6 @@ TEST(Net, ReadAndWriteTellNoDataFromEnd) {
 
 TEST(Net, ReadSeesTheEndOfTheStream) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         L.closeClient();
         ASSERT_TRUE(Net_canRead(L.fd(), 2000));
         char b[16];
@@ -193,7 +190,6 @@ TEST(Net, ReadSeesTheEndOfTheStream) {
 
 TEST(Net, InterruptedWaitsGoOn) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         struct sigaction sa = {}, old;
         sa.sa_handler = onSignal;  // no SA_RESTART: poll and read see EINTR
         sigaction(SIGUSR1, &sa, &old);
@@ -213,7 +209,6 @@ TEST(Net, InterruptedWaitsGoOn) {
 
 TEST(Net, KeepAliveBudgetAndBlockingMode) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InetAddress_T I = L.peer;
         EXPECT_EQ(InetAddress_getKeepAlive(I), 100);
         EXPECT_EQ(InetAddress_setKeepAlive(I, 1), 99);
@@ -244,7 +239,6 @@ TEST(Net, SendingAFileNeedsTheCache) {
 
 TEST(Net, AbortResetsThePeer) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         InetAddress_abort(&L.peer);
         EXPECT_EQ(L.peer, nullptr);
         ASSERT_TRUE(Net_canRead(L.client, 2000));
@@ -255,7 +249,6 @@ TEST(Net, AbortResetsThePeer) {
 
 TEST(Net, HalfCloseSendsTheEndAndKeepsReading) {
         Loopback L;
-        ASSERT_TRUE(L.peer);
         L.send("unread");
         OutputStream_T out = InetAddress_getOutputStream(L.peer);
         OutputStream_print(out, "answer");

@@ -92,15 +92,6 @@ bool threadAlive(pid_t tid) {
 
 }  // namespace
 
-TEST(Dispatcher, ChecksItsArguments) {
-        EXPECT_EQ(assertion([] { Dispatcher_new(0, 1, engine); }), "threads>0");
-        Dispatcher_T D = Dispatcher_new(1, 1, engine);
-        // No thread was ever started: free returns at once.
-        auto started = std::chrono::steady_clock::now();
-        Dispatcher_free(&D);
-        EXPECT_LT(std::chrono::steady_clock::now() - started, 10s);
-}
-
 TEST(Dispatcher, GrowsToItsMaximumAndNoFurther) {
         Probe probe;
         probe.open = false;

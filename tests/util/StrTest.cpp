@@ -105,7 +105,6 @@ TEST(Str, SubHasAlnumLim) {
         EXPECT_FALSE(Str_lim(nullptr, 0));
         EXPECT_TRUE(Str_lim("a", 0));
         EXPECT_FALSE(Str_lim("a", INT_MAX));
-        EXPECT_EQ(assertion([] { Str_lim("a", -1); }), "limit >= 0");
 }
 
 TEST(Str, Match) {
@@ -114,7 +113,6 @@ TEST(Str, Match) {
         EXPECT_TRUE(Str_match("b|c", "abc"));
         EXPECT_FALSE(Str_match(".*", ""));
         EXPECT_FALSE(Str_match(".*", nullptr));
-        EXPECT_EQ(assertion([] { Str_match(nullptr, "a"); }), "pattern");
         std::string error = assertion([] { Str_match("a(", "a"); });
         EXPECT_EQ(error.rfind("regular expression error -- ", 0), 0u) << error;
         EXPECT_GT(error.size(), strlen("regular expression error -- "));
@@ -160,7 +158,6 @@ TEST(Str, Trunc) {
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 2); }), "ab");
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 0); }), "");
         EXPECT_EQ(edited("abcdef", [](char* s) { return Str_trunc(s, 6); }), "abcdef");
-        EXPECT_EQ(assertion([] { Str_trunc(nullptr, -1); }), "n >= 0");
 }
 
 TEST(Str, HeapCopies) {
@@ -199,7 +196,6 @@ TEST(Str, CopyAndJoin) {
         EXPECT_STREQ(Str_join(path, 11, kNone, "c"), "");
         strcpy(path, "x");
         EXPECT_STREQ(Str_join(path, 0, "abc"), "");
-        EXPECT_EQ(assertion([] { Str_join(nullptr, 1, "a"); }), "dest");
 }
 
 TEST(Str, Ton) {
@@ -260,7 +256,6 @@ TEST_F(StrArena, Replace) {
         EXPECT_STREQ(REPLACE(arena, overlap2, "aa", "b"), "bb");
         char whole[] = "abc";
         EXPECT_STREQ(REPLACE(arena, whole, "abc", "<tag>"), "<tag>");
-        EXPECT_EQ(assertion([&] { REPLACE(nullptr, whole, "a", "b"); }), "A");
 }
 
 TEST_F(StrArena, Entityify) {
@@ -317,7 +312,6 @@ TEST(Str, BytesToSize) {
         EXPECT_STREQ(Str_bytesToSize(1536, s), "1.5 kB");
         EXPECT_STREQ(Str_bytesToSize(3.0 * 1024 * 1024 * 1024, s), "3 GB");
         EXPECT_STREQ(Str_bytesToSize(1e23, s), "84.7 ZB");
-        EXPECT_EQ(assertion([&] { Str_bytesToSize(1e24, s); }), "bytes < 1e+24");
 }
 
 TEST(Str, MilliToTime) {

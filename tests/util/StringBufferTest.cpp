@@ -40,7 +40,6 @@ TEST(StringBuffer, CreateAndFree) {
         StringBuffer_append(S, "%s", "grows from one byte");
         EXPECT_STREQ(StringBuffer_toString(S), "grows from one byte");
         StringBuffer_free(&S);
-        EXPECT_EQ(assertion([] { StringBuffer_create(0); }), "Illegal hint value");
 }
 
 TEST(StringBuffer, AppendGrowsAndSetReplaces) {
@@ -192,6 +191,4 @@ TEST(StringBuffer, Compressed) {
         StringBuffer_clear(b.S);
         EXPECT_EQ(StringBuffer_toCompressed(b.S, 1, &len), nullptr);
 
-        EXPECT_EQ(assertion([&] { StringBuffer_toCompressed(b.S, 10, &len); }),
-                  "level >= 0 && level <= 9");
 }
