@@ -154,7 +154,7 @@ TEST_F(Daemon, ForegroundServerEndsOnTheTerminalsSignalsOnly) {
                 }
                 kill(std::stoi(pid), SIGHUP);
                 kill(std::stoi(pid), SIGPIPE);
-                EXPECT_EQ(server.stop(sig), 0) << "signal " << sig;
+                EXPECT_EQ(server.stop(sig), 0) << "signal " << sig << readFile(home / "logs/launcher.out");
                 EXPECT_FALSE(exists(pidFile()));
         }
 }
