@@ -11,6 +11,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <deque>
 #include <string>
 
 #include <vesk/vesk.h>
@@ -18,6 +19,10 @@
 namespace {
 
 const char* program = "vesk";
+
+// A supervisor gives up once the server has ended on a signal this many times in a minute.
+constexpr int kBurst = 5;
+constexpr int kBurstWindow = 60;
 
 void usage(FILE* out) {
         fprintf(out,
@@ -32,11 +37,14 @@ void usage(FILE* out) {
                 "  -H home   the home directory (default: $VESK_HOME, else the current directory)\n"
                 "  -f        stay in the foreground instead of becoming a daemon\n"
                 "  -D        debug: log debug lines, and leave a core image on a fatal error\n"
+                "  -S        supervise: start the server again when it ends on a fatal signal\n"
+                "            (at most %d times a minute), and keep a servlet module that\n"
+                "            crashed it %d times in %d minutes disabled, answering 503\n"
                 "  -p file   the pid file (default: home/logs/%s.pid)\n"
                 "  -c file   the server configuration (default: home/conf/server.xml)\n"
                 "  --help    show this text\n"
                 "  --version show the version\n",
-                program, Container_Name);
+                program, kBurst, CrashGuard_Limit, CrashGuard_Window / 60, Container_Name);
 }
 
 // An uncaught exception in the launcher itself: say it on one line, no stack of noise.
@@ -135,11 +143,99 @@ int aboveStandard(int fd) {
         return moved;
 }
 
+// The server a supervisor runs now, and whether someone asked the supervisor to stop.
+volatile sig_atomic_t serverPid = 0;
+volatile sig_atomic_t stopAsked = 0;
+
+// A supervisor passes the terminal's and the service manager's stop on to the server,
+// which then stops as it would unsupervised, and the supervisor with it.
+void forward(int signo) {
+        stopAsked = 1;
+        if (serverPid > 0)
+                kill(serverPid, signo);
+}
+
+constexpr int kForwarded[] = {SIGTERM, SIGINT, SIGQUIT};
+
+void onSignals(void (*handler)(int)) {
+        struct sigaction action = {};
+        action.sa_handler = handler;
+        sigemptyset(&action.sa_mask);
+        for (int signo : kForwarded)
+                sigaction(signo, &action, nullptr);
+}
+
+// Runs the server in a child process, and again whenever it ends on a fatal signal,
+// until it stops of its own accord, is told to stop, or has crashed kBurst times within
+// kBurstWindow seconds. Only the first server reports on startPipe. In the supervisor, the
+// launcher's exit status; in a server process, 0 once it has stopped.
+int supervise(Container_T C, int startPipe) {
+        onSignals(forward);
+        std::deque<time_t> crashes;
+        for (;;) {
+                fflush(nullptr);
+                pid_t pid = fork();
+                if (pid < 0)
+                        fail("cannot fork the server");
+                if (pid == 0) {
+                        onSignals(SIG_DFL);
+                        Container_setDaemon(C, 0);
+                        Container_setSupervised(C, 1);
+                        if (startPipe >= 0)
+                                Container_setStartPipe(C, startPipe);
+                        Container_start(C);
+                        return 0;
+                }
+                if (startPipe >= 0) {
+                        close(startPipe);
+                        startPipe = -1;
+                }
+                serverPid = pid;
+                // A stop that came while no server ran reaches this one.
+                if (stopAsked)
+                        kill(pid, SIGTERM);
+                int status = 0;
+                while (waitpid(pid, &status, 0) < 0 && errno == EINTR)
+                        ;
+                serverPid = 0;
+                if (!WIFSIGNALED(status) || stopAsked)
+                        return WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+                // The dead server's pid file would name a process that is gone.
+                if (!Container_isRunning(C) && Container_getPidFile(C))
+                        unlink(Container_getPidFile(C));
+                time_t now = time(nullptr);
+                while (!crashes.empty() && crashes.front() <= now - kBurstWindow)
+                        crashes.pop_front();
+                crashes.push_back(now);
+                if (static_cast<int>(crashes.size()) >= kBurst) {
+                        fprintf(stderr,
+                                "%s: the server (pid %d) ended on signal %d (%s), the %dth time "
+                                "within %d seconds -- not starting it again\n",
+                                program, static_cast<int>(pid), WTERMSIG(status),
+                                strsignal(WTERMSIG(status)), kBurst, kBurstWindow);
+                        return 1;
+                }
+                fprintf(stderr, "%s: the server (pid %d) ended on signal %d (%s) -- starting it again\n",
+                        program, static_cast<int>(pid), WTERMSIG(status),
+                        strsignal(WTERMSIG(status)));
+        }
+}
+
+// Where a daemon supervisor says what it does, having no terminal: beside the pid file.
+void supervisorLog(Container_T C) {
+        std::string log = std::string(Container_getHome(C)) + "/logs/supervisor.log";
+        int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+        if (fd < 0)
+                return;
+        dup2(fd, STDERR_FILENO);
+        close(fd);
+}
+
 // Starts the server as a daemon and waits until it serves or has failed, which it
 // tells on a pipe; so a failure after the fork (an application that does not load, a
 // port in use, a bad certificate) reaches this terminal and the exit status. The
 // launcher's exit status.
-int startDaemon(Container_T C) {
+int startDaemon(Container_T C, bool supervised) {
         int ends[2];
         if (pipe2(ends, O_CLOEXEC) != 0)
                 fail("cannot make a pipe to the server");
@@ -150,6 +246,11 @@ int startDaemon(Container_T C) {
                 fail("cannot fork the server");
         if (child == 0) {
                 close(readEnd);
+                if (supervised) {
+                        OS_daemonize(writeEnd);
+                        supervisorLog(C);
+                        return supervise(C, writeEnd);
+                }
                 Container_setStartPipe(C, writeEnd);
                 // Daemonizes, tells the outcome, and returns when the server has stopped.
                 Container_start(C);
@@ -189,7 +290,7 @@ extern "C" const char* __lsan_default_suppressions() {
 
 int main(int argc, char** argv) {
         std::string home, pidFile, controlFile, command;
-        bool foreground = false;
+        bool foreground = false, supervised = false;
         if (const char* env = getenv("VESK_HOME"))
                 home = env;
         for (int i = 1; i < argc; i++) {
@@ -202,6 +303,8 @@ int main(int argc, char** argv) {
                         return 0;
                 } else if (arg == "-f") {
                         foreground = true;
+                } else if (arg == "-S") {
+                        supervised = true;
                 } else if (arg == "-D") {
                         Container_Debug = 1;
                 } else if (arg == "-H" || arg == "-p" || arg == "-c") {
@@ -249,7 +352,9 @@ int main(int argc, char** argv) {
                 if (command == "start") {
                         Container_setDaemon(C, !foreground);
                         if (!foreground && !Container_isRunning(C))
-                                status = startDaemon(C);
+                                status = startDaemon(C, supervised);
+                        else if (supervised)
+                                status = supervise(C, -1);
                         else
                                 Container_start(C);
                 } else if (command == "stop") {

@@ -11,9 +11,11 @@
 #include <vesk/Arena.h>
 #include <vesk/Build.h>
 #include <vesk/Container.h>
+#include <vesk/CrashGuard.h>
 #include <vesk/Error.h>
 #include <vesk/Exception.h>
 #include <vesk/File.h>
+#include <vesk/Logger.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
 #include <vesk/Reactor.h>
@@ -47,6 +49,7 @@ struct Container_S {
         char controlFile[kPath + 1];
         char home[kPath + 1];
         int startPipe;  // -1 when nobody waits to hear how the start went
+        int supervised;
 };
 
 const char* Container_Name = "Vesk";
@@ -246,6 +249,16 @@ void Container_setStartPipe(Container_T C, int fd) {
         C->startPipe = fd;
 }
 
+void Container_setSupervised(Container_T C, int supervised) {
+        assert(C);
+        C->supervised = supervised;
+}
+
+int Container_isSupervised(Container_T C) {
+        assert(C);
+        return C->supervised;
+}
+
 Build_T Container_getBuild(Container_T C) {
         assert(C);
         return C->B;
@@ -293,6 +306,9 @@ void Container_start(Container_T C) {
                 OS_createPidFile(C);
                 pidFileWritten = true;
                 OS_signal(C);
+                Logger_T errorLog = Error_getLogger();
+                CrashGuard_install(C->home, errorLog ? Logger_getFileName(errorLog) : nullptr,
+                                   C->supervised);
                 if (C->startPipe >= 0) {
                         Reactor_T reactor = Reactor_getInstance();
                         Timer_T timer = Reactor_createTimer(reactor);
@@ -301,7 +317,9 @@ void Container_start(Container_T C) {
                         Reactor_scheduleTimer(reactor, timer, 0, 0);
                 }
                 Build_start(C->B);
+                CrashGuard_uninstall();
         ELSE
+                CrashGuard_uninstall();
                 // A server that never came up, or went down on an error, leaves no pid
                 // file behind to be taken for a running one.
                 if (pidFileWritten)

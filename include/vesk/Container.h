@@ -70,6 +70,10 @@ VESK_API int Container_isDaemon(Container_T C);
    followed by the reason; then C closes it. It stays open in the daemon, so that the
    process that started one can wait for the outcome and report it. */
 VESK_API void Container_setStartPipe(Container_T C, int fd);
+/* Whether a supervisor restarts this server when it ends on a fatal signal: then start
+   disables the servlet modules that crashed too often (see CrashGuard.h). Off by default. */
+VESK_API void Container_setSupervised(Container_T C, int supervised);
+VESK_API int Container_isSupervised(Container_T C);
 /* The server configuration, or NULL before bootstrap. Owned by C. */
 VESK_API Build_T Container_getBuild(Container_T C);
 /* Checks the home, daemonizes if asked and reads the configuration. Once only. */

@@ -35,6 +35,7 @@
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>
 #include <vesk/OS.h>
+#include <vesk/CrashGuard.h>
 #include <vesk/Logger.h>
 #include <vesk/Command.h>
 #include <vesk/Process.h>

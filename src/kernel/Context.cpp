@@ -6,6 +6,7 @@
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
+#include <vesk/CrashGuard.h>
 #include <vesk/DefaultServlet.h>
 #include <vesk/Error.h>
 #include <vesk/File.h>
@@ -60,6 +61,37 @@ Wrapper_T servletFor(Context_T C, const char* pattern, bool& found) {
         found = name != nullptr;
         return name ? Loader_lookup(C->loader, name) : nullptr;
 }
+
+// Calls the service method of wrapper for the request's method.
+int service(Wrapper_T wrapper, HttpRequest_T req, HttpResponse_T res) {
+        switch (HttpRequest_method(req)) {
+        case HttpRequest_GET:
+                return Wrapper_doGet(wrapper, req, res);
+        case HttpRequest_POST:
+                return Wrapper_doPost(wrapper, req, res);
+        case HttpRequest_HEAD:
+                return Wrapper_doHead(wrapper, req, res);
+        case HttpRequest_PUT:
+                return Wrapper_doPut(wrapper, req, res);
+        case HttpRequest_DELETE:
+                return Wrapper_doDelete(wrapper, req, res);
+        case HttpRequest_TRACE:
+                return Wrapper_doTrace(wrapper, req, res);
+        case HttpRequest_OPTIONS:
+                return Wrapper_doOptions(wrapper, req, res);
+        default:
+                return 0;
+        }
+}
+
+// Names a servlet module and its request to the crash handler for as long as the module
+// runs, exceptions included.
+struct Armed {
+        Armed(Wrapper_T wrapper, HttpRequest_T req) { CrashGuard_enter(wrapper, req); }
+        ~Armed() { CrashGuard_leave(); }
+        Armed(const Armed&) = delete;
+        Armed& operator=(const Armed&) = delete;
+};
 
 Wrapper_T cannotLoad(Context_T C, const char* path) {
         Error_debug("Warning: [Context %s] Cannot load servlet for URL '%s'\n",
@@ -237,24 +269,15 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
                 return 0;
         }
         HttpRequest_setServletConfig(req, Wrapper_getServletConfig(wrapper));
-        switch (HttpRequest_method(req)) {
-        case HttpRequest_GET:
-                return Wrapper_doGet(wrapper, req, res);
-        case HttpRequest_POST:
-                return Wrapper_doPost(wrapper, req, res);
-        case HttpRequest_HEAD:
-                return Wrapper_doHead(wrapper, req, res);
-        case HttpRequest_PUT:
-                return Wrapper_doPut(wrapper, req, res);
-        case HttpRequest_DELETE:
-                return Wrapper_doDelete(wrapper, req, res);
-        case HttpRequest_TRACE:
-                return Wrapper_doTrace(wrapper, req, res);
-        case HttpRequest_OPTIONS:
-                return Wrapper_doOptions(wrapper, req, res);
-        default:
+        if (Wrapper_isVirtual(wrapper))
+                return service(wrapper, req, res);
+        if (CrashGuard_isDisabled(wrapper)) {
+                HttpResponse_setHeader(res, "Retry-After", "%d", CrashGuard_RetryAfter);
+                HttpResponse_sendError(res, 503, "The service is disabled after repeated crashes");
                 return 0;
         }
+        Armed armed(wrapper, req);
+        return service(wrapper, req, res);
 }
 
 Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res) {

@@ -1,0 +1,208 @@
+// A servlet module that dereferences NULL: the error log names it and the request, a
+// supervised server comes back at once, and a module that keeps crashing is disabled
+// while the rest of the site goes on answering.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+
+#include <vesk/CrashGuard.h>
+
+#include "support/KernelSupport.hpp"
+#include "support/ServerSupport.hpp"
+
+namespace {
+
+using namespace e2e;
+
+// A home whose /app maps /boom to the crashing module.
+struct CrashHome : Home {
+        CrashHome() {
+                installModule(*this / "webapps/app/WEB-INF/classes", "crash", "crash");
+                write("webapps/app/WEB-INF/web.xml",
+                      "<web-app>\n"
+                      "<servlet-mapping><servlet-name>crash</servlet-name>"
+                      "<url-pattern>/boom</url-pattern></servlet-mapping>\n"
+                      "<servlet-mapping><servlet-name>hello</servlet-name>"
+                      "<url-pattern>/x/*</url-pattern></servlet-mapping>\n"
+                      "</web-app>\n");
+        }
+};
+
+// The launcher in the foreground on home with the extra arguments; output in
+// logs/launcher.out. Stopped by SIGTERM when it goes.
+class Launcher {
+public:
+        Launcher(const Home& home, std::vector<std::string> extra) : home_(home) {
+                std::string out = home / "logs/launcher.out";
+                posix_spawn_file_actions_t actions;
+                posix_spawn_file_actions_init(&actions);
+                posix_spawn_file_actions_addopen(&actions, 1, out.c_str(),
+                                                 O_WRONLY | O_CREAT | O_TRUNC, 0644);
+                posix_spawn_file_actions_adddup2(&actions, 1, 2);
+                std::vector<std::string> args = {VESK_LAUNCHER, "-H", home.path()};
+                args.insert(args.end(), extra.begin(), extra.end());
+                args.push_back("-f");
+                args.push_back("start");
+                std::vector<char*> argv;
+                for (std::string& a : args)
+                        argv.push_back(a.data());
+                argv.push_back(nullptr);
+                posix_spawn(&pid_, VESK_LAUNCHER, &actions, nullptr, argv.data(), environ);
+                posix_spawn_file_actions_destroy(&actions);
+        }
+        ~Launcher() {
+                if (pid_ > 0)
+                        stop();
+        }
+
+        // The launcher's wait status once it has ended, -1 while it runs.
+        int ended() {
+                int status;
+                if (pid_ > 0 && waitpid(pid_, &status, WNOHANG) == pid_) {
+                        pid_ = -1;
+                        status_ = status;
+                }
+                return pid_ < 0 ? status_ : -1;
+        }
+
+        int stop() {
+                kill(pid_, SIGTERM);
+                waitpid(pid_, &status_, 0);
+                pid_ = -1;
+                return status_;
+        }
+
+        pid_t pid() const { return pid_; }
+
+private:
+        const Home& home_;
+        pid_t pid_ = -1;
+        int status_ = -1;
+};
+
+// The pid the pid file names, or 0.
+int pidIn(const Home& home) {
+        std::ifstream in(home / "logs/Vesk.pid");
+        int pid = 0;
+        in >> pid;
+        return pid;
+}
+
+bool serves(const Home& home) {
+        return roundTrip(home.port, "GET /index.html HTTP/1.0\r\n\r\n").status == 200;
+}
+
+// Requests the crashing servlet; the server ends without an answer.
+std::string crash(const Home& home) {
+        int s = dial(home.port);
+        std::string request = "GET /app/boom?id=7 HTTP/1.0\r\n\r\n";
+        if (s < 0 || write(s, request.data(), request.size()) < 0)
+                return "no connection";
+        std::string got = readAll(s);
+        close(s);
+        return got;
+}
+
+bool sanitized() {
+#if defined(__SANITIZE_ADDRESS__)
+        return true;
+#else
+        return false;
+#endif
+}
+
+TEST(CrashContainment, TheErrorLogNamesTheModuleAndTheRequestAndTheServerEndsByTheSignal) {
+        if (sanitized())
+                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
+        CrashHome home;
+        Launcher server(home, {});
+        ASSERT_TRUE(eventually([&] { return serves(home); }));
+        EXPECT_EQ(crash(home), "");
+        ASSERT_TRUE(eventually([&] { return server.ended() != -1; }));
+        int status = server.ended();
+        ASSERT_TRUE(WIFSIGNALED(status));
+        EXPECT_EQ(WTERMSIG(status), SIGSEGV);
+        std::string log = readFile(home / "logs/error.log");
+        std::string module = home / "webapps/app/WEB-INF/classes/crash.clazz";
+        EXPECT_NE(log.find("Fatal signal SIGSEGV in servlet module '" + module +
+                           "' of context '/app' serving GET /app/boom?id=7\n"),
+                  std::string::npos)
+            << log;
+        // Stamped as every other line of the log.
+        EXPECT_TRUE(std::regex_search(
+            log, std::regex("\n[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2} Fatal signal")))
+            << log;
+        // The backtrace follows the line, from inside the handler.
+        EXPECT_NE(log.find("crash.clazz(doGet"), std::string::npos) << log;
+        EXPECT_NE(readFile(home / "logs/crashes").find(" " + module + "\n"), std::string::npos);
+}
+
+TEST(CrashContainment, ASupervisedServerComesBackAndDisablesAModuleThatCrashedThreeTimes) {
+        if (sanitized())
+                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
+        CrashHome home;
+        Launcher supervisor(home, {"-S"});
+        ASSERT_TRUE(eventually([&] { return serves(home); }));
+        for (int i = 1; i <= 3; i++) {
+                int before = pidIn(home);
+                ASSERT_GT(before, 0);
+                EXPECT_EQ(crash(home), "") << "crash " << i;
+                // The pid file never names the dead server: it goes, and the next one writes
+                // its own.
+                ASSERT_TRUE(eventually([&] {
+                        int now = pidIn(home);
+                        return now != before && now > 0 && serves(home);
+                }));
+                EXPECT_EQ(supervisor.ended(), -1);
+                EXPECT_EQ(kill(pidIn(home), 0), 0);
+        }
+        Reply refused = roundTrip(home.port, "GET /app/boom HTTP/1.0\r\n\r\n");
+        EXPECT_EQ(refused.status, 503);
+        EXPECT_NE(refused.head.find("\r\nRetry-After: 60\r\n"), std::string::npos) << refused.head;
+        EXPECT_EQ(roundTrip(home.port, "GET /app/x/1 HTTP/1.0\r\n\r\n").status, 200);
+        EXPECT_TRUE(serves(home));
+        std::string log = readFile(home / "logs/error.log");
+        EXPECT_NE(log.find("Servlet module '" + (home / "webapps/app/WEB-INF/classes/crash.clazz") +
+                           "' crashed 3 times within 10 minutes"),
+                  std::string::npos)
+            << log;
+        // A stop reaches the server through the supervisor, which then ends too.
+        int status = supervisor.stop();
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        EXPECT_FALSE(exists(home / "logs/Vesk.pid"));
+}
+
+TEST(CrashContainment, AChangedModuleOrAnUnsupervisedStartEndsTheDisabling) {
+        if (sanitized())
+                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
+        CrashHome home;
+        std::string module = home / "webapps/app/WEB-INF/classes/crash.clazz";
+        time_t now = time(nullptr);
+        std::string record;
+        for (int i = 3; i > 0; i--)
+                record += std::to_string(now - i) + " " + module + "\n";
+        home.write("logs/crashes", record);
+        EXPECT_TRUE(CrashGuard_tooMany((home / "logs/crashes").c_str(), module.c_str(), now - 10, now));
+        // Crashes from before the module last changed, or older than the window, do not count.
+        EXPECT_FALSE(CrashGuard_tooMany((home / "logs/crashes").c_str(), module.c_str(), now - 2, now));
+        EXPECT_FALSE(CrashGuard_tooMany((home / "logs/crashes").c_str(), module.c_str(), 0,
+                                        now + CrashGuard_Window));
+        EXPECT_FALSE(CrashGuard_tooMany((home / "logs/crashes").c_str(), "/other.clazz", 0, now));
+        installModule(home / "webapps/app/WEB-INF/classes", "crash", "crash", now - 100);
+        {
+                Launcher supervisor(home, {"-S"});
+                ASSERT_TRUE(eventually([&] { return serves(home); }));
+                EXPECT_EQ(roundTrip(home.port, "GET /app/boom HTTP/1.0\r\n\r\n").status, 503);
+                // A new build of the module is served again.
+                installModule(home / "webapps/app/WEB-INF/classes", "hello", "crash", now + 5);
+                EXPECT_EQ(roundTrip(home.port, "GET /app/boom HTTP/1.0\r\n\r\n").status, 200);
+        }
+        installModule(home / "webapps/app/WEB-INF/classes", "crash", "crash", now - 100);
+        home.write("logs/crashes", record);
+        Launcher unsupervised(home, {});
+        ASSERT_TRUE(eventually([&] { return serves(home); }));
+        EXPECT_FALSE(exists(home / "logs/crashes"));
+}
+
+}  // namespace
