@@ -271,7 +271,11 @@ void settle(HttpConnector_T H) {
 
 /* ------------------------------------------------------------- Accepting */
 
-bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet) {
+// Starts TLS on a new connection with the identity of the host bound to the address it
+// reached. On false, *refused tells whether the client's first bytes were refused, in which
+// case the TLS alert that says why is already on its way.
+bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet, bool* refused) {
+        *refused = false;
         const char* local = InetAddress_getLocalHostAddress(inet);
         // The TLS identity belongs to the Host bound to the interface the client reached.
         Host_T host = Engine_findHostWithAddress(H->engine, local);
@@ -291,6 +295,7 @@ bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet) {
                 Error_debug("%s: Cannot accept secure connection from [%s] %s\n",
                                  Exception_frame.exception->name, InetAddress_getRemoteHostName(inet),
                                  Exception_frame.message);
+                *refused = true;
         END_TRY;
         return accepted;
 }
@@ -320,8 +325,14 @@ void _doAccept(EventHandler_T handler, int revents) {
         (void)revents;
         HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
         for (InetAddress_T inet; (inet = Net_accept(H->serverSocket));) {
-                if (H->secure && !_doSSLAccept(H, inet)) {
-                        InetAddress_abort(&inet);
+                bool refused;
+                if (H->secure && !_doSSLAccept(H, inet, &refused)) {
+                        // A refused handshake closes in order, as it does when the refusal
+                        // comes later, so that the client reads the alert rather than a reset.
+                        if (refused)
+                                InetAddress_free(&inet);
+                        else
+                                InetAddress_abort(&inet);
                         continue;
                 }
                 if (!admit(H, inet)) {
@@ -382,14 +393,17 @@ void _doHandshake(EventHandler_T handler, int revents) {
         }
         if (step == 0 && awaitHandshake(H, handler, ssl))
                 return;
-        // No HTTP answer is possible before the handshake is done.
-        if (revents == Reactor_Read || revents == Reactor_Write)
-                Error_debug("[client %s] secure connection closed -- handshake %s\n", remote(inet),
-                            step < 0 ? "failed" : "took too long");
-        else if (revents == Reactor_Timeout)
+        // No HTTP answer is possible before the handshake is done. A refused handshake is
+        // closed in order, so that the client reads the TLS alert that says why, rather
+        // than a reset; a client out of time is reset, as for a head.
+        bool refused = step < 0 && revents != Reactor_Timeout;
+        if (refused)
+                Error_debug("[client %s] secure connection closed -- handshake failed\n",
+                            remote(inet));
+        else
                 Error_debug("[client %s] secure connection closed -- handshake took too long\n",
                             remote(inet));
-        closeConnection(inet, true);
+        closeConnection(inet, !refused);
 }
 
 /* --------------------------------------------------------- Reading a request */
