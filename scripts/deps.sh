@@ -3,6 +3,8 @@
 set -eu
 packages="libev-dev zlib1g-dev libssl-dev libjudy-dev clearsilver-dev libsqlite3-dev libpq-dev
 postgresql libgtest-dev cmake g++ make pkg-config"
+# HTTPS: the example's certificate, the TLS tests' clients, the TLS scan of the README.
+packages="$packages openssl curl sslscan"
 missing=""
 for p in $packages; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing="$missing $p"

@@ -12,5 +12,6 @@ if [ ! -f "$home/conf/server.xml" ]; then
         echo "Vesk: the library and the launcher (build/run/launcher/vesk) are built; the example home is not assembled." >&2
         exit 1
 fi
+sh scripts/example-cert.sh "$home"
 echo "Vesk: serving $home on http://127.0.0.1:8080/ -- open /demo/, /demo/hello?name=you, /demo/guide, /demo/guestbook and /demo/request.csp; Ctrl-C stops."
 exec build/run/launcher/vesk -H "$home" -f start
