@@ -32,8 +32,7 @@ VESK_API void Observable_addObserver(Observable_T O, void* observer, const char*
 VESK_API void Observable_removeObserver(Observable_T O, void* observer);
 
 /* Removes every record of observer under forKey. */
-VESK_API void Observable_removeObserverForKey(Observable_T O, void* observer,
-                                              const char* forKey);
+VESK_API void Observable_removeObserverForKey(Observable_T O, void* observer, const char* forKey);
 
 /* Calls the observers of forKey with object; true unless an update raised. */
 VESK_API int Observable_notifyObservers(Observable_T O, const char* forKey, void* object);

@@ -10,9 +10,9 @@
  * overlap: a firing that comes while the last run is still going is dropped. An
  * exception that leaves a worker is logged and goes no further.
  *
- * Cancel the tasks before Scheduler_free(&C), which waits for the runs in progress,
- * frees every task record and clears the caller's pointer. Bad arguments raise
- * AssertException.
+ * Scheduler_free(&C) stops the clock first, so that no task fires any more, then waits
+ * for the runs in progress, frees every task record and clears the caller's pointer.
+ * Bad arguments raise AssertException.
  */
 #ifndef VESK_SCHEDULER_INCLUDED
 #define VESK_SCHEDULER_INCLUDED
@@ -29,7 +29,7 @@ typedef struct Task_S* Task_T;
 /* A running scheduler whose tasks run on at most `threads` threads at once. */
 VESK_API Scheduler_T Scheduler_new(int threads);
 
-/* Waits for the runs in progress, stops the loop, frees every task record and clears *C. */
+/* Stops the clock, waits for the runs in progress, frees every task record and clears *C. */
 VESK_API void Scheduler_free(Scheduler_T* C);
 
 /* A task record named by the first 20 characters of name, or NULL once the scheduler stops. */

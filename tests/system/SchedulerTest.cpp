@@ -38,9 +38,8 @@ struct Log {
         // Waits, bounded, until name has run n times; whether it has.
         bool ran(const std::string& name, int n) {
                 std::unique_lock<std::mutex> lock(m);
-                return cv.wait_for(lock, 20s, [&] {
-                        return std::count(runs.begin(), runs.end(), name) >= n;
-                });
+                return cv.wait_for(lock, 20s,
+                                   [&] { return std::count(runs.begin(), runs.end(), name) >= n; });
         }
         void release() {
                 std::lock_guard<std::mutex> lock(m);
@@ -196,7 +195,8 @@ TEST(Scheduler, WorkerThatRaisesIsLoggedAndItsTaskGoesOn) {
         // The line is logged before the first run ends, and so before the second starts.
         EXPECT_TRUE(log.ran("raiser", 2));
         std::string err = testing::internal::GetCapturedStderr();
-        EXPECT_NE(err.find("Scheduler: task raiser: AssertException: bad input\n"), std::string::npos)
+        EXPECT_NE(err.find("Scheduler: task raiser: AssertException: bad input\n"),
+                  std::string::npos)
             << err;
         Task_cancel(t);
         Scheduler_free(&C);
@@ -215,7 +215,8 @@ TEST(Scheduler, FreeRefusesNewTasksAndWaitsForRunsWhileTasksStillFire) {
         Task_setData(t, C);
         Task_setWorker(t, [](Task_T self) {
                 refused = eventually([&] {
-                        Task_T n = Scheduler_createTask(static_cast<Scheduler_T>(Task_getData(self)), "n");
+                        Task_T n =
+                            Scheduler_createTask(static_cast<Scheduler_T>(Task_getData(self)), "n");
                         if (n)
                                 Task_cancel(n);
                         return n == nullptr;

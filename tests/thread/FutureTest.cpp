@@ -69,7 +69,8 @@ TEST(Future, TimedWaitThatRunsOutReturnsFalseAndLogsNothing) {
 TEST(Future, SignalWakesAllWaitersOfItsKeyAndNoOther) {
         Future_T F = Future_new();
         Waiters go(F, {"go", "go", "go"}), stay(F, {"stay"});
-        ASSERT_TRUE(eventually([&] { return Future_has(F, "go") == 3 && Future_has(F, "stay") == 1; }));
+        ASSERT_TRUE(
+            eventually([&] { return Future_has(F, "go") == 3 && Future_has(F, "stay") == 1; }));
         Future_notify(F, "go");
         go.join();
         EXPECT_EQ(go.back, 3);
