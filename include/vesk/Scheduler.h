@@ -41,7 +41,7 @@ VESK_API void Scheduler_add(Task_T task);
 /* Runs the task once, offset milliseconds after Scheduler_add. */
 VESK_API void Task_setOnce(Task_T t, int offset);
 
-/* Runs the task once, at time (seconds since the epoch). */
+/* Runs the task once, at time (seconds since the epoch, at most INT_MAX). */
 VESK_API void Task_setAt(Task_T t, time_t time);
 
 /* Runs the task every interval milliseconds (> 0), on the wall clock's multiples of it, as

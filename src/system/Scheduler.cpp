@@ -1,3 +1,4 @@
+#include <limits.h>
 #include <pthread.h>
 #include <string.h>
 
@@ -279,6 +280,8 @@ void Task_setOnce(Task_T t, int offset) {
 void Task_setAt(Task_T t, time_t time) {
         assert(t);
         assert(t->type == Task_None || t->type == Task_At);
+        // The time is kept in the 32-bit offset: a later one would come round as the past.
+        assert(time <= INT_MAX);
         setUp(t, Task_At, static_cast<int>(time), 0);
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <limits.h>
+
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
@@ -79,6 +81,8 @@ TEST(Scheduler, ChecksItsArguments) {
         EXPECT_STREQ(Task_getName(t), "a name of thirty cha");
         EXPECT_EQ(assertion([&] { Scheduler_add(t); }), "task->type != Task_None");
         EXPECT_EQ(assertion([&] { Task_setPeriodic(t, 0, 0); }), "interval > 0");
+        EXPECT_EQ(assertion([&] { Task_setAt(t, static_cast<time_t>(INT_MAX) + 1); }),
+                  "time <= INT_MAX");
         Task_setPeriodic(t, 0, 60000);
         EXPECT_EQ(assertion([&] { Task_setAt(t, Time_now()); }),
                   "t->type == Task_None || t->type == Task_At");
