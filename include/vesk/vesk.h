@@ -72,6 +72,11 @@
 #include <vesk/Reactor.h>
 #include <vesk/Dispatcher.h>
 #include <vesk/Thread.h>
+#include <vesk/Scheduler.h>
+#include <vesk/Future.h>
+#include <vesk/Operation.h>
+#include <vesk/OperationQueue.h>
+#include <vesk/Observable.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
 #include <vesk/Table.h>
