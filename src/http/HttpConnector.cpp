@@ -51,6 +51,12 @@ struct Linger {
         Linger* next;
 };
 
+// An accepted connection and its Reactor slot, kept until the connection closes.
+struct Open {
+        InetAddress_T inet;
+        EventHandler_T handler;
+};
+
 }  // namespace
 
 struct HttpConnector_S {
@@ -84,6 +90,8 @@ struct HttpConnector_S {
         int busy;             // dispatched and not yet answered in full; Reactor thread only
         int draining;         // stopping: no new connections, none kept alive
         Linger* lingering;    // half-closed connections still read; Reactor thread only
+        Open* open;           // by descriptor: the connections a stop must close; Reactor thread
+        int openSize;
 };
 
 namespace {
@@ -115,8 +123,12 @@ const char* remote(InetAddress_T inet) {
 // Every connection of the connector ends here, orderly or with a reset.
 void closeConnection(InetAddress_T inet, bool reset) {
         HttpConnector_T H = InetAddress_getConnector(inet);
-        if (H)
+        if (H) {
                 H->connections--;
+                int fd = InetAddress_getSocket(inet);
+                if (fd >= 0 && fd < H->openSize && H->open[fd].inet == inet)
+                        H->open[fd] = {};
+        }
         if (reset)
                 InetAddress_abort(&inet);
         else
@@ -310,6 +322,9 @@ bool admit(HttpConnector_T H, InetAddress_T inet) {
         InetAddress_setConnector(inet, H);
         InetAddress_setKeepAliveRequests(inet, H->keepAliveRequests);
         H->connections++;
+        int fd = InetAddress_getSocket(inet);
+        if (fd < H->openSize)
+                H->open[fd] = {inet, handler};
         InetAddress_setNonBlocking(inet);
         EventHandler_setData(handler, inet);
         SSL_T ssl = InetAddress_getSSL(inet);
@@ -944,6 +959,26 @@ void drainResponsePipe(HttpConnector_T H) {
         }
 }
 
+// Connections still open once the processor threads are gone and the lingering ones are
+// closed: idle between requests, or in the middle of a head or a body. A stop closes them
+// rather than leave them to the process's end, as a server inside a longer-lived process
+// would leak their memory and descriptors.
+void closeOpenConnections(HttpConnector_T H) {
+        for (int fd = 0; fd < H->openSize; fd++) {
+                Open o = H->open[fd];
+                if (!o.inet)
+                        continue;
+                void* data = EventHandler_getData(o.handler);
+                Reactor_removeHandler(H->reactor, o.handler);
+                // A connection reading a body holds its store as the handler's data.
+                if (data && data != o.inet)
+                        HttpStore_destroy(static_cast<HttpStore_T>(data));
+                if (HttpRequest_T request = InetAddress_getRequest(o.inet))
+                        HttpRequest_end(request);
+                closeConnection(o.inet, true);
+        }
+}
+
 char* copy(const char* s) {
         return s ? Str_dup(s) : nullptr;
 }
@@ -985,6 +1020,7 @@ void HttpConnector_free(HttpConnector_T* H) {
         if (C->dispatcher)
                 Dispatcher_free(&C->dispatcher);
         closeResponsePipe(C);
+        FREE(C->open);
         FREE(C->proxyScheme);
         FREE(C->proxyName);
         FREE(C->bindAddress);
@@ -1004,6 +1040,10 @@ void HttpConnector_start(HttpConnector_T H) {
                     Dispatcher_new(H->processorThreads, H->processorTimeout, Processor_Thread);
         if (H->responsePipe[0] < 0)
                 _createResponsePipe(H);
+        if (!H->open) {
+                H->openSize = Reactor_getConcurrency(H->reactor);
+                H->open = static_cast<Open*>(CALLOC(H->openSize, sizeof(Open)));
+        }
         H->serverSocket = ServerSocket_new(H->port, H->bindAddress, H->ipVersion);
         // With port 0 the system picked one; the connector reports where it listens.
         H->port = ServerSocket_getPort(H->serverSocket);
@@ -1033,6 +1073,7 @@ void HttpConnector_stop(HttpConnector_T H) {
         // Their answers are out: a stop does not wait for clients that keep sending.
         while (H->lingering)
                 endLinger(H, H->lingering);
+        closeOpenConnections(H);
         H->busy = 0;
         H->draining = 0;
         Error_debug("Connector stopped\n");
