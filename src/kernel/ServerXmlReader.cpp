@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include <vdb/Connection.h>
+#include <vdb/ConnectionPool.h>
+
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
@@ -15,6 +18,7 @@
 #include <vesk/Host.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/Logger.h>
+#include <vesk/Realm.h>
 #include <vesk/Service.h>
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
@@ -26,6 +30,7 @@
 #include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 #include "kernel/Transitions.hpp"
+#include "util/Holder.hpp"
 
 namespace {
 
@@ -264,6 +269,10 @@ int poolSize(const char** attributes, const char* name, int standard) {
         return n;
 }
 
+void freePool(ConnectionPool_T pool) {
+        ConnectionPool_free(&pool);
+}
+
 void startRealm(const char** attributes, ParseState* a) {
         const char* url = XMLParser_getAttribute("url", attributes);
         URL_T U = url ? URL_new(url) : nullptr;
@@ -271,7 +280,7 @@ void startRealm(const char** attributes, ParseState* a) {
                 THROW(AssertException, "Invalid URL '%s' in <Realm>", url ? url : "");
         TRY
                 const char* protocol = URL_getProtocol(U);
-                if (!Connection_isSupported(url))
+                if (!Connection_isSupported(protocol))
                         THROW(AssertException, "Database protocol '%s' not supported in <Realm>",
                               protocol);
                 int min = poolSize(attributes, "minConnections", 5);
@@ -290,6 +299,9 @@ void startRealm(const char** attributes, ParseState* a) {
                                       "[1..86400] sec\n");
                         reap = static_cast<int>(n);
                 }
+                // The pool reads its own copy of the URL text; a relative SQLite database
+                // lies under the home and is named to the pool by its full path.
+                std::string text = url;
                 const char* path = URL_getPath(U);
                 if (Str_isEqual(protocol, "sqlite") &&
                     !(File_isPathAbsolute(path) && File_isFile(path))) {
@@ -299,13 +311,18 @@ void startRealm(const char** attributes, ParseState* a) {
                                 THROW(AssertException, "Realm database '%s' does not exist",
                                       database);
                         URL_setPath(U, database);
+                        const char* query = URL_getQueryString(U);
+                        text = std::string("sqlite://") + database +
+                               (query && *query ? std::string("?") + query : "");
                 }
-                URL_T pool = U;
-                U = nullptr;
-                Realm_useDatabase(pool, min, max, reap);
+                vesk::Holder<ConnectionPool_T, freePool> pool(ConnectionPool_new(text.c_str()));
+                ConnectionPool_setInitialConnections(pool.get(), min);
+                ConnectionPool_setMaxConnections(pool.get(), max);
+                if (reap)
+                        ConnectionPool_setReaper(pool.get(), reap);
+                Realm_setDatabase(Realm_getInstance(), pool.release());
         FINALLY
-                if (U)
-                        URL_free(&U);
+                URL_free(&U);
         END_TRY;
 }
 
