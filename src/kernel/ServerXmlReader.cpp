@@ -16,6 +16,7 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/Logger.h>
 #include <vesk/Service.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>

@@ -13,6 +13,7 @@
 #include <vesk/File.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/HttpSession.h>
 #include <vesk/Map.h>
 #include <vesk/OutputStream.h>
 #include <vesk/ServerPage.h>
