@@ -46,6 +46,8 @@
 #include <vesk/SSL.h>
 #include <vesk/Cookie.h>
 #include <vesk/Part.h>
+#include <vesk/HttpSession.h>
+#include <vesk/SessionManager.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/HttpStore.h>

@@ -8,6 +8,7 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
+#include <vesk/HttpSession.h>
 #include <vesk/HttpStore.h>
 #include <vesk/InetAddress.h>
 #include <vesk/List.h>
@@ -17,6 +18,7 @@
 #include <vesk/Principal.h>
 #include <vesk/RequestDispatcher.h>
 #include <vesk/ServletContext.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
@@ -612,10 +614,10 @@ HttpSession_T HttpRequest_getSession(HttpRequest_T H, int create) {
                 if (!session)
                         return nullptr;
         }
-        // The bound session's id replaces the one the client sent; where it came from
-        // (cookie or URL) is left as it was.
+        // The manager has counted this request's reference already. The bound session's
+        // id replaces the one the client sent; where it came from (cookie or URL) is left
+        // as it was.
         H->requestedSessionId = copy(H, HttpSession_getId(session));
-        HttpSession_increment(session);
         H->session = session;
         return session;
 }

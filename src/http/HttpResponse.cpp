@@ -14,6 +14,7 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/HttpSession.h>
 #include <vesk/Map.h>
 #include <vesk/OutputStream.h>
 #include <vesk/ServerPage.h>

@@ -14,6 +14,7 @@
 #include <vesk/Mem.h>
 #include <vesk/ServerPageServlet.h>
 #include <vesk/ServletContext.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/URL.h>

@@ -20,6 +20,7 @@
 #include <vesk/Logger.h>
 #include <vesk/Realm.h>
 #include <vesk/Service.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>

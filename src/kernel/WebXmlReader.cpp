@@ -13,6 +13,7 @@
 #include <vesk/Mem.h>
 #include <vesk/SecurityCollection.h>
 #include <vesk/SecurityConstraint.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/Wrapper.h>
