@@ -23,8 +23,6 @@
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
-
 struct HttpRequest_S {
         char* requestURL;
         char* requestURI;

@@ -28,7 +28,6 @@
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 #include "kernel/Transitions.hpp"
 #include "util/Holder.hpp"
