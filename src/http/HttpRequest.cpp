@@ -14,6 +14,7 @@
 #include <vesk/Logger.h>
 #include <vesk/Map.h>
 #include <vesk/Part.h>
+#include <vesk/Principal.h>
 #include <vesk/RequestDispatcher.h>
 #include <vesk/ServletContext.h>
 #include <vesk/Str.h>
