@@ -31,6 +31,8 @@
 #include <vesk/SecurityCollection.h>
 #include <vesk/SecurityConstraint.h>
 #include <vesk/LoginConfig.h>
+#include <vesk/Realm.h>
+#include <vesk/Principal.h>
 #include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>

@@ -15,6 +15,7 @@
 #include <vesk/Logger.h>
 #include <vesk/Map.h>
 #include <vesk/Part.h>
+#include <vesk/Principal.h>
 #include <vesk/RequestDispatcher.h>
 #include <vesk/ServletContext.h>
 #include <vesk/SessionManager.h>
@@ -22,7 +23,6 @@
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 
 struct HttpRequest_S {
         char* requestURL;

@@ -24,7 +24,6 @@
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 
 struct HttpResponse_S {
         int status;

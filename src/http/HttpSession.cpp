@@ -12,6 +12,8 @@
 #include <vesk/Exception.h>
 #include <vesk/HttpSession.h>
 #include <vesk/Mem.h>
+#include <vesk/Principal.h>
+#include <vesk/Realm.h>
 #include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/StringBuffer.h>
@@ -19,7 +21,6 @@
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "http/SessionBlob.hpp"
 #include "thread/Lock.hpp"
 #include "util/Holder.hpp"

@@ -4,6 +4,9 @@
 
 #include <string>
 
+#include <vdb/Connection.h>
+#include <vdb/ConnectionPool.h>
+
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
@@ -15,6 +18,7 @@
 #include <vesk/Host.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/Logger.h>
+#include <vesk/Realm.h>
 #include <vesk/Service.h>
 #include <vesk/SessionManager.h>
 #include <vesk/Socket.h>
@@ -27,6 +31,7 @@
 #include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 #include "kernel/Transitions.hpp"
+#include "util/Holder.hpp"
 
 namespace {
 
@@ -103,12 +108,10 @@ bool isTrue(const char* value) {
 
 long long checkNumberAttribute(const char* element, const char* attribute, const char* value) {
         long long n = 0;
-        TRY
-                n = Str_parseLLong(value);
+        TRY n = Str_parseLLong(value);
         CATCH(NumberFormatException)
-                THROW(AssertException,
-                      "The value '%s' given in <%s> attribute '%s' is not a number",
-                      value ? value : "", element, attribute);
+        THROW(AssertException, "The value '%s' given in <%s> attribute '%s' is not a number",
+              value ? value : "", element, attribute);
         END_TRY;
         return n;
 }
@@ -265,48 +268,56 @@ int poolSize(const char** attributes, const char* name, int standard) {
         return n;
 }
 
+void freePool(ConnectionPool_T pool) {
+        ConnectionPool_free(&pool);
+}
+
 void startRealm(const char** attributes, ParseState* a) {
         const char* url = XMLParser_getAttribute("url", attributes);
         URL_T U = url ? URL_new(url) : nullptr;
         if (!U)
                 THROW(AssertException, "Invalid URL '%s' in <Realm>", url ? url : "");
-        TRY
-                const char* protocol = URL_getProtocol(U);
-                if (!Connection_isSupported(url))
-                        THROW(AssertException, "Database protocol '%s' not supported in <Realm>",
-                              protocol);
-                int min = poolSize(attributes, "minConnections", 5);
-                int max = poolSize(attributes, "maxConnections", 20);
-                if (min > max)
+        TRY const char* protocol = URL_getProtocol(U);
+        if (!Connection_isSupported(protocol))
+                THROW(AssertException, "Database protocol '%s' not supported in <Realm>", protocol);
+        int min = poolSize(attributes, "minConnections", 5);
+        int max = poolSize(attributes, "maxConnections", 20);
+        if (min > max)
+                THROW(AssertException,
+                      "minConnections is greater than maxConnections (%d > %d) in "
+                      "<Realm>\n",
+                      min, max);
+        int reap = 0;
+        if (const char* value = XMLParser_getAttribute("reapConnections", attributes)) {
+                long long n = checkNumberAttribute("Realm", "reapConnections", value);
+                if (n < 1 || n > 86400)
                         THROW(AssertException,
-                              "minConnections is greater than maxConnections (%d > %d) in "
-                              "<Realm>\n",
-                              min, max);
-                int reap = 0;
-                if (const char* value = XMLParser_getAttribute("reapConnections", attributes)) {
-                        long long n = checkNumberAttribute("Realm", "reapConnections", value);
-                        if (n < 1 || n > 86400)
-                                THROW(AssertException,
-                                      "reapConnections in <Realm> has an invalid value outside "
-                                      "[1..86400] sec\n");
-                        reap = static_cast<int>(n);
-                }
-                const char* path = URL_getPath(U);
-                if (Str_isEqual(protocol, "sqlite") &&
-                    !(File_isPathAbsolute(path) && File_isFile(path))) {
-                        char database[kPath + 1];
-                        snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
-                        if (!File_isFile(database))
-                                THROW(AssertException, "Realm database '%s' does not exist",
-                                      database);
-                        URL_setPath(U, database);
-                }
-                URL_T pool = U;
-                U = nullptr;
-                Realm_useDatabase(pool, min, max, reap);
+                              "reapConnections in <Realm> has an invalid value outside "
+                              "[1..86400] sec\n");
+                reap = static_cast<int>(n);
+        }
+        // The pool reads its own copy of the URL text; a relative SQLite database
+        // lies under the home and is named to the pool by its full path.
+        std::string text = url;
+        const char* path = URL_getPath(U);
+        if (Str_isEqual(protocol, "sqlite") && !(File_isPathAbsolute(path) && File_isFile(path))) {
+                char database[kPath + 1];
+                snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
+                if (!File_isFile(database))
+                        THROW(AssertException, "Realm database '%s' does not exist", database);
+                URL_setPath(U, database);
+                const char* query = URL_getQueryString(U);
+                text = std::string("sqlite://") + database +
+                       (query && *query ? std::string("?") + query : "");
+        }
+        vesk::Holder<ConnectionPool_T, freePool> pool(ConnectionPool_new(text.c_str()));
+        ConnectionPool_setInitialConnections(pool.get(), min);
+        ConnectionPool_setMaxConnections(pool.get(), max);
+        if (reap)
+                ConnectionPool_setReaper(pool.get(), reap);
+        Realm_setDatabase(Realm_getInstance(), pool.release());
         FINALLY
-                if (U)
-                        URL_free(&U);
+        URL_free(&U);
         END_TRY;
 }
 
@@ -525,18 +536,12 @@ constexpr Opening kOpenings[] = {
 using Closing = vesk::Transition<State, void (*)(ParseState* a)>;
 
 constexpr Closing kClosings[] = {
-    {kServer, "Server", endServer, kAfterRoot},
-    {kLicense, "License", nullptr, kServer},
-    {kService, "Service", nullptr, kServer},
-    {kService, "Connector", nullptr, kService},
-    {kService, "Engine", nullptr, kService},
-    {kEngine, "Engine", nullptr, kService},
-    {kEngine, "Errorlogger", nullptr, kEngine},
-    {kEngine, "Realm", nullptr, kEngine},
-    {kEngine, "Host", nullptr, kEngine},
-    {kHost, "Host", endHost, kEngine},
-    {kHost, "Accesslogger", nullptr, kHost},
-    {kHost, "Logger", nullptr, kHost},
+    {kServer, "Server", endServer, kAfterRoot}, {kLicense, "License", nullptr, kServer},
+    {kService, "Service", nullptr, kServer},    {kService, "Connector", nullptr, kService},
+    {kService, "Engine", nullptr, kService},    {kEngine, "Engine", nullptr, kService},
+    {kEngine, "Errorlogger", nullptr, kEngine}, {kEngine, "Realm", nullptr, kEngine},
+    {kEngine, "Host", nullptr, kEngine},        {kHost, "Host", endHost, kEngine},
+    {kHost, "Accesslogger", nullptr, kHost},    {kHost, "Logger", nullptr, kHost},
     {kHost, "Context", nullptr, kHost},
 };
 
@@ -602,27 +607,25 @@ std::string vesk::ServerXmlReader_read(const char* containerHome, const char* se
         a.engine = engine;
         a.service = service;
         XMLParser_T parser = nullptr;
-        TRY
-                copyField(a.parsedHome, containerHome);
-                // A file URL needs an absolute path: a relative one would read as a host.
-                char absolute[kPath + 1];
-                const char* path = server_xml;
-                if (!File_isPathAbsolute(server_xml) && File_getRealPath(server_xml, absolute))
-                        path = absolute;
-                parser = XMLParser_new(URL_create("file://%s", path), &a);
-                XMLParser_setErrorHandler(parser, parseError);
-                XMLParser_setEndElementHandler(parser, endElement);
-                XMLParser_setEndDocumentHandler(parser, endDocument);
-                XMLParser_setStartElementHandler(parser, startElement);
-                XMLParser_setStartDocumentHandler(parser, startDocument);
-                XMLParser_parse(parser);
-        ELSE
-                int line = parser ? XMLParser_getCurrentLine(parser) : 0;
-                if (parser)
-                        XMLParser_free(&parser);
-                releasePending(&a);
-                THROW(AssertException, "%s -- in '%s' near line %d", Exception_frame.message,
-                      server_xml, line);
+        TRY copyField(a.parsedHome, containerHome);
+        // A file URL needs an absolute path: a relative one would read as a host.
+        char absolute[kPath + 1];
+        const char* path = server_xml;
+        if (!File_isPathAbsolute(server_xml) && File_getRealPath(server_xml, absolute))
+                path = absolute;
+        parser = XMLParser_new(URL_create("file://%s", path), &a);
+        XMLParser_setErrorHandler(parser, parseError);
+        XMLParser_setEndElementHandler(parser, endElement);
+        XMLParser_setEndDocumentHandler(parser, endDocument);
+        XMLParser_setStartElementHandler(parser, startElement);
+        XMLParser_setStartDocumentHandler(parser, startDocument);
+        XMLParser_parse(parser);
+        ELSE int line = parser ? XMLParser_getCurrentLine(parser) : 0;
+        if (parser)
+                XMLParser_free(&parser);
+        releasePending(&a);
+        THROW(AssertException, "%s -- in '%s' near line %d", Exception_frame.message, server_xml,
+              line);
         END_TRY;
         XMLParser_free(&parser);
         return a.defaultHost;

@@ -8,13 +8,13 @@
 #include <vesk/Exception.h>
 #include <vesk/HttpSession.h>
 #include <vesk/List.h>
+#include <vesk/Realm.h>
 #include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "thread/Lock.hpp"
 #include "util/Holder.hpp"
 
