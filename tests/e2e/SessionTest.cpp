@@ -7,6 +7,7 @@
 #include <regex>
 #include <thread>
 
+#include "support/Database.hpp"
 #include "support/ServerSupport.hpp"
 
 namespace {
@@ -160,6 +161,43 @@ TEST_P(Sessions, ServerPagesSeeTheSessionAndCanEndIt) {
         EXPECT_EQ(r.body, "[" + id + "|0|<b>|" + id + "]");
         EXPECT_EQ(get("/app/logout.csp", id).body, "bye");
         EXPECT_EQ(get("/app/s", id).body, "none");
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+// With saveSessions the used sessions go to the Realm's database at stop, and the same id
+// finds the same attributes after a restart.
+TEST_P(Sessions, ASavedSessionSurvivesARestart) {
+        testdb::Database db(home / "sessions.db");
+        home.write("conf/server.xml",
+                   "<Server>\n<License owner=\"Tests\">x</License>\n<Service>\n"
+                   "<Connector port=\"" + std::to_string(home.port) +
+                       "\" address=\"127.0.0.1\" processors=\"4\"/>\n"
+                       "<Engine defaultHost=\"localhost\">\n"
+                       "<Errorlogger directory=\"logs\" fileName=\"error.log\"/>\n"
+                       "<Realm url=\"" + db.url() + "\" minConnections=\"1\"/>\n"
+                       "<Host name=\"localhost\" appBase=\"webapps\" alias=\"127.0.0.1\">\n" +
+                       kContexts +
+                       "<Context path=\"/app\" docBase=\"app\" maxActiveSessions=\"10\" "
+                       "saveSessions=\"true\" sessionTimeout=\"3600\"/>\n"
+                       "</Host>\n</Engine>\n</Service>\n</Server>\n");
+        std::string id, unused;
+        {
+                START(server);
+                id = create("&set=color&to=a%3Bb%3A9%3A");
+                ASSERT_FALSE(id.empty());
+                EXPECT_EQ(field(get("/app/s?count=1", id).body, "count"), "1");
+                unused = create();
+                EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+        }
+        EXPECT_EQ(db.scalar("SELECT itime FROM session WHERE id='" + id + "'"), "3600");
+        EXPECT_EQ(db.scalar("SELECT count(*) FROM session"), "1") << "an unused session is not kept";
+        START(server);
+        Reply r = get("/app/s?get=color", id);
+        EXPECT_EQ(field(r.body, "id"), id) << r.body;
+        EXPECT_EQ(field(r.body, "get"), "a;b:9:");
+        EXPECT_EQ(field(r.body, "count"), "1");
+        EXPECT_EQ(r.header("Set-Cookie"), "") << "the client's cookie stays good";
+        EXPECT_EQ(get("/app/s", unused).body, "none");
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
