@@ -121,8 +121,9 @@ long long checkNumberAttribute(const char* element, const char* attribute, const
 long long sessionNumber(const char* attribute, const char* value) {
         long long n = checkNumberAttribute("Context", attribute, value);
         if (n > INT_MAX || n < INT_MIN)
-                THROW(AssertException, "The value '%s' given in <Context> attribute '%s' is out of range",
-                      value, attribute);
+                THROW(AssertException,
+                      "The value '%s' given in <Context> attribute '%s' is out of range", value,
+                      attribute);
         return n;
 }
 

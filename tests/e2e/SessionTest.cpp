@@ -28,8 +28,7 @@ protected:
                 home.write("webapps/app/show.csp",
                            "[<?cs var:Session.Id ?>|<?cs var:Session.IsNew ?>|"
                            "<?cs var:Session.Attr.color ?>|<?cs var:Request.CSRFToken ?>]");
-                home.write("webapps/app/logout.csp",
-                           "<?cs set:Session.invalidate = \"yes\" ?>bye");
+                home.write("webapps/app/logout.csp", "<?cs set:Session.invalidate = \"yes\" ?>bye");
                 context();
         }
         // The /app context with these extra attributes.
@@ -39,8 +38,8 @@ protected:
                                        "/>\n");
         }
         Reply get(const std::string& uri, const std::string& id = "") {
-                return roundTrip(home.port,
-                                 request(uri, id.empty() ? "" : "Cookie: vsessionid=" + id + "\r\n"));
+                return roundTrip(
+                    home.port, request(uri, id.empty() ? "" : "Cookie: vsessionid=" + id + "\r\n"));
         }
         // The id a new session answered with, or "".
         std::string create(const std::string& query = "") {
@@ -55,17 +54,17 @@ protected:
         int errorLines(const std::string& text) {
                 std::string log = readFile(home / "logs/error.log");
                 int n = 0;
-                for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+                for (size_t at = log.find(text); at != std::string::npos;
+                     at = log.find(text, at + 1))
                         n++;
                 return n;
         }
         Home home;
 };
 
-#define START(server)                                                        \
-        Server server(home, GetParam());                                     \
-        ASSERT_TRUE(server.ready()) << server.failure()                      \
-                                    << readFile(home / "logs/launcher.out")
+#define START(server)                    \
+        Server server(home, GetParam()); \
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out")
 
 TEST_P(Sessions, TheCookieCarriesTheSessionAndItsAttributes) {
         START(server);
@@ -170,11 +169,14 @@ TEST_P(Sessions, ASavedSessionSurvivesARestart) {
         testdb::Database db(home / "sessions.db");
         home.write("conf/server.xml",
                    "<Server>\n<License owner=\"Tests\">x</License>\n<Service>\n"
-                   "<Connector port=\"" + std::to_string(home.port) +
+                   "<Connector port=\"" +
+                       std::to_string(home.port) +
                        "\" address=\"127.0.0.1\" processors=\"4\"/>\n"
                        "<Engine defaultHost=\"localhost\">\n"
                        "<Errorlogger directory=\"logs\" fileName=\"error.log\"/>\n"
-                       "<Realm url=\"" + db.url() + "\" minConnections=\"1\"/>\n"
+                       "<Realm url=\"" +
+                       db.url() +
+                       "\" minConnections=\"1\"/>\n"
                        "<Host name=\"localhost\" appBase=\"webapps\" alias=\"127.0.0.1\">\n" +
                        kContexts +
                        "<Context path=\"/app\" docBase=\"app\" maxActiveSessions=\"10\" "
@@ -190,7 +192,8 @@ TEST_P(Sessions, ASavedSessionSurvivesARestart) {
                 EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
         }
         EXPECT_EQ(db.scalar("SELECT itime FROM session WHERE id='" + id + "'"), "3600");
-        EXPECT_EQ(db.scalar("SELECT count(*) FROM session"), "1") << "an unused session is not kept";
+        EXPECT_EQ(db.scalar("SELECT count(*) FROM session"), "1")
+            << "an unused session is not kept";
         START(server);
         Reply r = get("/app/s?get=color", id);
         EXPECT_EQ(field(r.body, "id"), id) << r.body;

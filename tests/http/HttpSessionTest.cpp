@@ -54,7 +54,8 @@ struct Blob {
                 StringBuffer_T b = vesk::encodeSessionAttributes(table);
                 if (!b)
                         return "<null>";
-                std::string s(StringBuffer_toString(b), static_cast<size_t>(StringBuffer_length(b)));
+                std::string s(StringBuffer_toString(b),
+                              static_cast<size_t>(StringBuffer_length(b)));
                 StringBuffer_free(&b);
                 return s;
         }
@@ -111,14 +112,14 @@ TEST(SessionBlob, TrailingTextWithoutAColonIsIgnored) {
 }
 
 TEST(SessionBlob, MalformedRecordsAreRefusedWithoutReadingPastTheEnd) {
-        for (const char* bad : {"2:a;1:b;",              // name length wrong
-                                "1:a;5:b;",              // value length past the end
-                                "1:a;",                  // name without a value
-                                "1:a;1:b",               // value without its ';'
-                                "x:a;1:b;",              // length not a number
-                                ":a;1:b;",               // length missing
-                                "-1:a;1:b;",             // negative length
-                                "99999999999999999999:", // length beyond any blob
+        for (const char* bad : {"2:a;1:b;",               // name length wrong
+                                "1:a;5:b;",               // value length past the end
+                                "1:a;",                   // name without a value
+                                "1:a;1:b",                // value without its ';'
+                                "x:a;1:b;",               // length not a number
+                                ":a;1:b;",                // length missing
+                                "-1:a;1:b;",              // negative length
+                                "99999999999999999999:",  // length beyond any blob
                                 "4:ab"}) {
                 Blob b;
                 EXPECT_EQ(b.decode(bad), kIllegal) << bad;
@@ -329,8 +330,7 @@ TEST(HttpSessionStore, ACorruptBlobRefusesTheWholeSession) {
         HttpSession_setAttribute(s.S, "a", "1");
         HttpSession_store(s.S);
         for (const char* blob : {"1:a;5:1;", "1:a;", "9999:a;1:1;"}) {
-                app.db.execute(std::string("UPDATE session SET data=CAST('") + blob +
-                               "' AS BLOB)");
+                app.db.execute(std::string("UPDATE session SET data=CAST('") + blob + "' AS BLOB)");
                 EXPECT_EQ(HttpSession_load(app.manager, "ABC"), nullptr) << blob;
         }
 }

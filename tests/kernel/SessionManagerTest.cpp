@@ -65,8 +65,7 @@ TEST(SessionManager, CreatedSessionsCarryTheManagersSettingsAndAReference) {
         HttpSession_decrement(S);
         EXPECT_EQ(SessionManager_findSession(m.M, nullptr), nullptr);
         EXPECT_EQ(SessionManager_findSession(m.M, "NOSUCHID"), nullptr);
-        EXPECT_EQ(assertion([&] { SessionManager_setMaxInactiveInterval(m.M, 0); }),
-                  "interval>0");
+        EXPECT_EQ(assertion([&] { SessionManager_setMaxInactiveInterval(m.M, 0); }), "interval>0");
 }
 
 TEST(SessionManager, TheLimitAdmitsOneMoreAndRefusesUntilASessionDies) {
