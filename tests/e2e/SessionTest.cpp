@@ -24,6 +24,8 @@ protected:
                            "<web-app>\n"
                            "<servlet-mapping><servlet-name>sessions</servlet-name>"
                            "<url-pattern>/s</url-pattern></servlet-mapping>\n"
+                           "<servlet-mapping><servlet-name>relay</servlet-name>"
+                           "<url-pattern>/relay</url-pattern></servlet-mapping>\n"
                            "</web-app>\n");
                 home.write("webapps/app/show.csp",
                            "[<?cs var:Session.Id ?>|<?cs var:Session.IsNew ?>|"
@@ -159,6 +161,21 @@ TEST_P(Sessions, ServerPagesSeeTheSessionAndCanEndIt) {
         r = get("/app/show.csp", id);
         EXPECT_EQ(r.body, "[" + id + "|0|<b>|" + id + "]");
         EXPECT_EQ(get("/app/logout.csp", id).body, "bye");
+        EXPECT_EQ(get("/app/s", id).body, "none");
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+TEST_P(Sessions, ASessionMadeBehindAForwardIsTheRequestsOwn) {
+        START(server);
+        Reply r = get("/app/relay?go=forward&to=/s%3Fcreate%3D1");
+        std::string id = field(r.body, "id");
+        ASSERT_FALSE(id.empty()) << r.body;
+        EXPECT_EQ(r.header("Set-Cookie"),
+                  "vsessionid=" + id + "; Path=/app; HttpOnly; SameSite=strict")
+            << r.head;
+        r = get("/app/relay?go=include&to=/s%3Finvalidate%3D1", id);
+        EXPECT_EQ(field(r.body, "refs"), "1") << r.body;
+        // Its last request gave its reference back, so the invalidated session is gone.
         EXPECT_EQ(get("/app/s", id).body, "none");
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
