@@ -180,6 +180,26 @@ TEST_P(Sessions, ASessionMadeBehindAForwardIsTheRequestsOwn) {
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 
+// A client gone in the middle of a response ends its request all the same: the session's
+// reference comes back.
+TEST_P(Sessions, AResponseCutOffGivesTheSessionBack) {
+        START(server);
+        std::string id = create();
+        ASSERT_FALSE(id.empty());
+        int s = dial(home.port);
+        std::string text = request("/app/s?pad=16000000", "Cookie: vsessionid=" + id + "\r\n");
+        ASSERT_EQ(send(s, text.data(), text.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(text.size()));
+        char first;
+        ASSERT_EQ(read(s, &first, 1), 1) << "the response has begun";
+        linger reset{1, 0};
+        setsockopt(s, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        close(s);
+        EXPECT_TRUE(eventually([&] { return field(get("/app/s", id).body, "refs") == "1"; }))
+            << get("/app/s", id).body;
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
 // With saveSessions the used sessions go to the Realm's database at stop, and the same id
 // finds the same attributes after a restart.
 TEST_P(Sessions, ASavedSessionSurvivesARestart) {
