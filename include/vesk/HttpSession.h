@@ -86,8 +86,8 @@ VESK_API int HttpSession_refcount(HttpSession_T S);
 
 /* Sets name to the formatted text; a NULL format removes it. Does nothing for a NULL
    name or an invalid session. */
-VESK_API void HttpSession_setAttribute(HttpSession_T S, const char* name, const char* format,
-                                       ...) VESK_PRINTF(3, 4);
+VESK_API void HttpSession_setAttribute(HttpSession_T S, const char* name, const char* format, ...)
+    VESK_PRINTF(3, 4);
 /* A copy of the value in the present request's arena, or NULL for a NULL or unknown
    name or outside a request. */
 VESK_API const char* HttpSession_getAttribute(HttpSession_T S, const char* name);

@@ -114,6 +114,8 @@ void closeConnection(InetAddress_T inet, bool reset) {
         HttpConnector_T H = InetAddress_getConnector(inet);
         if (H)
                 H->connections--;
+        if (HttpRequest_T request = InetAddress_getRequest(inet))
+                HttpRequest_end(request);  // a request cut off still gives back its session
         if (reset)
                 InetAddress_abort(&inet);
         else

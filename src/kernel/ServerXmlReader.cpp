@@ -1,3 +1,4 @@
+#include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
@@ -114,6 +115,16 @@ long long checkNumberAttribute(const char* element, const char* attribute, const
                       "The value '%s' given in <%s> attribute '%s' is not a number",
                       value ? value : "", element, attribute);
         END_TRY;
+        return n;
+}
+
+// A session setting of <Context>: a number that an int holds.
+long long sessionNumber(const char* attribute, const char* value) {
+        long long n = checkNumberAttribute("Context", attribute, value);
+        if (n > INT_MAX || n < INT_MIN)
+                THROW(AssertException,
+                      "The value '%s' given in <Context> attribute '%s' is out of range", value,
+                      attribute);
         return n;
 }
 
@@ -451,12 +462,12 @@ void startContext(const char** attributes, ParseState* a) {
                 if (Str_isEqual(attribute, "path") || Str_isEqual(attribute, "docBase"))
                         continue;
                 if (Str_isEqual(attribute, "sessionTimeout")) {
-                        long long n = checkNumberAttribute("Context", attribute, value);
+                        long long n = sessionNumber(attribute, value);
                         if (n < 1)
                                 THROW(AssertException, "sessionTimeout must be > 0");
                         Context_setSessionTimeout(context, static_cast<int>(n));
                 } else if (Str_isEqual(attribute, "maxActiveSessions")) {
-                        long long n = checkNumberAttribute("Context", attribute, value);
+                        long long n = sessionNumber(attribute, value);
                         if (n > 0) {
                                 Context_activateSessionManager(context);
                                 SessionManager_setMaxActiveSessions(

@@ -176,7 +176,8 @@ void SessionManager_start(SessionManager_T M) {
                 vesk::Lock lock(M->mutex);
                 loadStored(M);
         }
-        Error_debug("SessionManager for Context '%s' started\n", Context_getContextPath(M->context));
+        Error_debug("SessionManager for Context '%s' started\n",
+                    Context_getContextPath(M->context));
 }
 
 void SessionManager_stop(SessionManager_T M) {
@@ -194,7 +195,8 @@ void SessionManager_stop(SessionManager_T M) {
                 }
                 freeSessions(M);
         }
-        Error_debug("SessionManager for Context '%s' stopped\n", Context_getContextPath(M->context));
+        Error_debug("SessionManager for Context '%s' stopped\n",
+                    Context_getContextPath(M->context));
 }
 
 /* -------------------------------------------------------------------- Sessions */

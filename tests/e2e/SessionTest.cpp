@@ -4,9 +4,9 @@
 // session at once.
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <thread>
 
+#include "support/Database.hpp"
 #include "support/ServerSupport.hpp"
 
 namespace {
@@ -23,12 +23,13 @@ protected:
                            "<web-app>\n"
                            "<servlet-mapping><servlet-name>sessions</servlet-name>"
                            "<url-pattern>/s</url-pattern></servlet-mapping>\n"
+                           "<servlet-mapping><servlet-name>relay</servlet-name>"
+                           "<url-pattern>/relay</url-pattern></servlet-mapping>\n"
                            "</web-app>\n");
                 home.write("webapps/app/show.csp",
                            "[<?cs var:Session.Id ?>|<?cs var:Session.IsNew ?>|"
                            "<?cs var:Session.Attr.color ?>|<?cs var:Request.CSRFToken ?>]");
-                home.write("webapps/app/logout.csp",
-                           "<?cs set:Session.invalidate = \"yes\" ?>bye");
+                home.write("webapps/app/logout.csp", "<?cs set:Session.invalidate = \"yes\" ?>bye");
                 context();
         }
         // The /app context with these extra attributes.
@@ -38,8 +39,8 @@ protected:
                                        "/>\n");
         }
         Reply get(const std::string& uri, const std::string& id = "") {
-                return roundTrip(home.port,
-                                 request(uri, id.empty() ? "" : "Cookie: vsessionid=" + id + "\r\n"));
+                return roundTrip(
+                    home.port, request(uri, id.empty() ? "" : "Cookie: vsessionid=" + id + "\r\n"));
         }
         // The id a new session answered with, or "".
         std::string create(const std::string& query = "") {
@@ -47,24 +48,31 @@ protected:
                 return field(r.body, "id");
         }
         static std::string field(const std::string& body, const std::string& name) {
-                std::smatch m;
-                std::regex re("(^| )" + name + "=(\\S*)");
-                return std::regex_search(body, m, re) ? m[2].str() : "";
+                std::string padded = " " + body;
+                size_t at = padded.find(" " + name + "=");
+                if (at == std::string::npos)
+                        return "";
+                at += name.size() + 2;
+                return padded.substr(at, padded.find(' ', at) - at);
+        }
+        static bool isSessionId(const std::string& id) {
+                return id.size() == 32 &&
+                       id.find_first_not_of("0123456789ABCDEF") == std::string::npos;
         }
         int errorLines(const std::string& text) {
                 std::string log = readFile(home / "logs/error.log");
                 int n = 0;
-                for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1))
+                for (size_t at = log.find(text); at != std::string::npos;
+                     at = log.find(text, at + 1))
                         n++;
                 return n;
         }
         Home home;
 };
 
-#define START(server)                                                        \
-        Server server(home, GetParam());                                     \
-        ASSERT_TRUE(server.ready()) << server.failure()                      \
-                                    << readFile(home / "logs/launcher.out")
+#define START(server)                    \
+        Server server(home, GetParam()); \
+        ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out")
 
 TEST_P(Sessions, TheCookieCarriesTheSessionAndItsAttributes) {
         START(server);
@@ -74,7 +82,7 @@ TEST_P(Sessions, TheCookieCarriesTheSessionAndItsAttributes) {
 
         r = get("/app/s?create=1&set=color&to=a%3Bb%3A9%3A");
         std::string id = field(r.body, "id");
-        ASSERT_TRUE(std::regex_match(id, std::regex("[0-9A-F]{32}"))) << r.body;
+        ASSERT_TRUE(isSessionId(id)) << r.body;
         EXPECT_EQ(field(r.body, "new"), "1");
         EXPECT_EQ(field(r.body, "refs"), "1");
         EXPECT_EQ(r.header("Set-Cookie"),
@@ -160,6 +168,82 @@ TEST_P(Sessions, ServerPagesSeeTheSessionAndCanEndIt) {
         EXPECT_EQ(r.body, "[" + id + "|0|<b>|" + id + "]");
         EXPECT_EQ(get("/app/logout.csp", id).body, "bye");
         EXPECT_EQ(get("/app/s", id).body, "none");
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+TEST_P(Sessions, ASessionMadeBehindAForwardIsTheRequestsOwn) {
+        START(server);
+        Reply r = get("/app/relay?go=forward&to=/s%3Fcreate%3D1");
+        std::string id = field(r.body, "id");
+        ASSERT_FALSE(id.empty()) << r.body;
+        EXPECT_EQ(r.header("Set-Cookie"),
+                  "vsessionid=" + id + "; Path=/app; HttpOnly; SameSite=strict")
+            << r.head;
+        r = get("/app/relay?go=include&to=/s%3Finvalidate%3D1", id);
+        EXPECT_EQ(field(r.body, "refs"), "1") << r.body;
+        // Its last request gave its reference back, so the invalidated session is gone.
+        EXPECT_EQ(get("/app/s", id).body, "none");
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+// A client gone in the middle of a response ends its request all the same: the session's
+// reference comes back.
+TEST_P(Sessions, AResponseCutOffGivesTheSessionBack) {
+        START(server);
+        std::string id = create();
+        ASSERT_FALSE(id.empty());
+        int s = dial(home.port);
+        std::string text = request("/app/s?pad=16000000", "Cookie: vsessionid=" + id + "\r\n");
+        ASSERT_EQ(send(s, text.data(), text.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(text.size()));
+        char first;
+        ASSERT_EQ(read(s, &first, 1), 1) << "the response has begun";
+        linger reset{1, 0};
+        setsockopt(s, SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+        close(s);
+        EXPECT_TRUE(eventually([&] { return field(get("/app/s", id).body, "refs") == "1"; }))
+            << get("/app/s", id).body;
+        EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+}
+
+// With saveSessions the used sessions go to the Realm's database at stop, and the same id
+// finds the same attributes after a restart.
+TEST_P(Sessions, ASavedSessionSurvivesARestart) {
+        testdb::Database db(home / "sessions.db");
+        home.write("conf/server.xml",
+                   "<Server>\n<License owner=\"Tests\">x</License>\n<Service>\n"
+                   "<Connector port=\"" +
+                       std::to_string(home.port) +
+                       "\" address=\"127.0.0.1\" processors=\"4\"/>\n"
+                       "<Engine defaultHost=\"localhost\">\n"
+                       "<Errorlogger directory=\"logs\" fileName=\"error.log\"/>\n"
+                       "<Realm url=\"" +
+                       db.url() +
+                       "\" minConnections=\"1\"/>\n"
+                       "<Host name=\"localhost\" appBase=\"webapps\" alias=\"127.0.0.1\">\n" +
+                       kContexts +
+                       "<Context path=\"/app\" docBase=\"app\" maxActiveSessions=\"10\" "
+                       "saveSessions=\"true\" sessionTimeout=\"3600\"/>\n"
+                       "</Host>\n</Engine>\n</Service>\n</Server>\n");
+        std::string id, unused;
+        {
+                START(server);
+                id = create("&set=color&to=a%3Bb%3A9%3A");
+                ASSERT_FALSE(id.empty());
+                EXPECT_EQ(field(get("/app/s?count=1", id).body, "count"), "1");
+                unused = create();
+                EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
+        }
+        EXPECT_EQ(db.scalar("SELECT itime FROM session WHERE id='" + id + "'"), "3600");
+        EXPECT_EQ(db.scalar("SELECT count(*) FROM session"), "1")
+            << "an unused session is not kept";
+        START(server);
+        Reply r = get("/app/s?get=color", id);
+        EXPECT_EQ(field(r.body, "id"), id) << r.body;
+        EXPECT_EQ(field(r.body, "get"), "a;b:9:");
+        EXPECT_EQ(field(r.body, "count"), "1");
+        EXPECT_EQ(r.header("Set-Cookie"), "") << "the client's cookie stays good";
+        EXPECT_EQ(get("/app/s", unused).body, "none");
         EXPECT_EQ(server.stop(), 0) << readFile(home / "logs/launcher.out");
 }
 

@@ -9,13 +9,17 @@
 #include <vesk/Context.h>
 #include <vesk/HttpSession.h>
 #include <vesk/Mem.h>
+#include <vesk/Principal.h>
+#include <vesk/Realm.h>
 #include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/StringBuffer.h>
 #include <vesk/Table.h>
 
 #include "http/SessionBlob.hpp"
+#include "support/Database.hpp"
 #include "support/Support.hpp"
+#include "support/TempDir.hpp"
 
 namespace {
 
@@ -50,7 +54,8 @@ struct Blob {
                 StringBuffer_T b = vesk::encodeSessionAttributes(table);
                 if (!b)
                         return "<null>";
-                std::string s(StringBuffer_toString(b), static_cast<size_t>(StringBuffer_length(b)));
+                std::string s(StringBuffer_toString(b),
+                              static_cast<size_t>(StringBuffer_length(b)));
                 StringBuffer_free(&b);
                 return s;
         }
@@ -107,14 +112,14 @@ TEST(SessionBlob, TrailingTextWithoutAColonIsIgnored) {
 }
 
 TEST(SessionBlob, MalformedRecordsAreRefusedWithoutReadingPastTheEnd) {
-        for (const char* bad : {"2:a;1:b;",              // name length wrong
-                                "1:a;5:b;",              // value length past the end
-                                "1:a;",                  // name without a value
-                                "1:a;1:b",               // value without its ';'
-                                "x:a;1:b;",              // length not a number
-                                ":a;1:b;",               // length missing
-                                "-1:a;1:b;",             // negative length
-                                "99999999999999999999:", // length beyond any blob
+        for (const char* bad : {"2:a;1:b;",               // name length wrong
+                                "1:a;5:b;",               // value length past the end
+                                "1:a;",                   // name without a value
+                                "1:a;1:b",                // value without its ';'
+                                "x:a;1:b;",               // length not a number
+                                ":a;1:b;",                // length missing
+                                "-1:a;1:b;",              // negative length
+                                "99999999999999999999:",  // length beyond any blob
                                 "4:ab"}) {
                 Blob b;
                 EXPECT_EQ(b.decode(bad), kIllegal) << bad;
@@ -150,7 +155,8 @@ struct Sessions {
         ~Sessions() {
                 pthread_setspecific(Request_Arena, nullptr);
                 Arena_dispose(&arena);
-                Context_free(&context);
+                if (context)
+                        Context_free(&context);
         }
 };
 
@@ -235,4 +241,103 @@ TEST(HttpSession, ExpiryCountsFromTheAccessBeforeTheLatest) {
         HttpSession_access(used.S);
         EXPECT_FALSE(HttpSession_isNew(used.S));
         EXPECT_TRUE(HttpSession_isValid(used.S));
+}
+
+/* ------------------------------------------------------------ The session table */
+
+namespace {
+
+// Sessions of /app over an SQLite database that holds the user ann.
+struct Stored : Sessions {
+        TempDir dir;
+        testdb::Database db{dir / "sessions.db"};
+        Stored() {
+                ConnectionPool_T pool = ConnectionPool_new(db.url().c_str());
+                ConnectionPool_setInitialConnections(pool, 1);
+                ConnectionPool_setMaxConnections(pool, 1);
+                Realm_setDatabase(Realm_getInstance(), pool);
+                db.addUser("ann", "pw", {"staff"});
+        }
+        ~Stored() {
+                // Sessions hold principals of the Realm: they go first.
+                Context_free(&context);
+                Realm_free();
+        }
+        Attributes attributes(HttpSession_T S) {
+                Attributes all;
+                HttpSession_map(
+                    S,
+                    [](const char* name, const char* value, void* ap) {
+                            (*static_cast<Attributes*>(ap))[name] = value;
+                    },
+                    &all);
+                return all;
+        }
+};
+
+}  // namespace
+
+TEST(HttpSessionStore, AStoredSessionLoadsBackWhole) {
+        Stored app;
+        Session s(app.manager);
+        HttpSession_setId(s.S, "AB12");
+        Attributes awkward = {{"a;b:c", "3:x;"}, {"empty", ""}, {"n", "7"}};
+        for (auto& [name, value] : awkward)
+                HttpSession_setAttribute(s.S, name.c_str(), "%s", value.c_str());
+        HttpSession_setMaxInactiveInterval(s.S, 600);
+        HttpSession_setAuthType(s.S, "FORM");
+        Principal_T ann = Realm_getPrincipal(Realm_getInstance(), "ann");
+        HttpSession_setPrincipal(s.S, ann);
+        Principal_decrement(ann);
+        HttpSession_store(s.S);
+        HttpSession_setAttribute(s.S, "n", "8");
+        HttpSession_store(s.S);
+        EXPECT_EQ(app.db.scalar("SELECT count(*) FROM session"), "1") << "the second store updates";
+        EXPECT_EQ(app.db.scalar("SELECT context FROM session"), "/app");
+
+        HttpSession_T back = HttpSession_load(app.manager, "AB12");
+        ASSERT_NE(back, nullptr);
+        awkward["n"] = "8";
+        EXPECT_EQ(app.attributes(back), awkward);
+        EXPECT_TRUE(HttpSession_isPersistent(back));
+        EXPECT_TRUE(HttpSession_isNew(back));
+        EXPECT_EQ(HttpSession_getCreationTime(back), HttpSession_getCreationTime(s.S));
+        EXPECT_EQ(HttpSession_getMaxInactiveInterval(back), 600);
+        EXPECT_STREQ(HttpSession_getAuthType(back), "FORM");
+        ASSERT_NE(HttpSession_getPrincipal(back), nullptr);
+        EXPECT_STREQ(Principal_getName(HttpSession_getPrincipal(back)), "ann");
+        EXPECT_EQ(Principal_refcount(HttpSession_getPrincipal(back)), 2) << "one per session";
+        HttpSession_free(&back);
+        EXPECT_EQ(HttpSession_load(app.manager, "NOSUCH"), nullptr);
+}
+
+TEST(HttpSessionStore, NoAttributesStoreNullAndAGoneUserLeavesNoPrincipal) {
+        Stored app;
+        Session s(app.manager);
+        HttpSession_store(s.S);
+        EXPECT_EQ(app.db.scalar("SELECT data IS NULL FROM session"), "1");
+        app.db.execute("UPDATE session SET principal='gone'");
+        HttpSession_T back = HttpSession_load(app.manager, "ABC");
+        ASSERT_NE(back, nullptr);
+        EXPECT_TRUE(app.attributes(back).empty());
+        EXPECT_EQ(HttpSession_getPrincipal(back), nullptr);
+        HttpSession_free(&back);
+}
+
+TEST(HttpSessionStore, ACorruptBlobRefusesTheWholeSession) {
+        Stored app;
+        Session s(app.manager);
+        HttpSession_setAttribute(s.S, "a", "1");
+        HttpSession_store(s.S);
+        for (const char* blob : {"1:a;5:1;", "1:a;", "9999:a;1:1;"}) {
+                app.db.execute(std::string("UPDATE session SET data=CAST('") + blob + "' AS BLOB)");
+                EXPECT_EQ(HttpSession_load(app.manager, "ABC"), nullptr) << blob;
+        }
+}
+
+TEST(HttpSessionStore, WithoutADatabaseNothingIsStoredOrLoaded) {
+        Sessions app;
+        Session s(app.manager);
+        HttpSession_store(s.S);
+        EXPECT_EQ(HttpSession_load(app.manager, "ABC"), nullptr);
 }

@@ -5,9 +5,12 @@
 
 #include <vesk/Context.h>
 #include <vesk/HttpSession.h>
+#include <vesk/Realm.h>
 #include <vesk/SessionManager.h>
 
+#include "support/Database.hpp"
 #include "support/Support.hpp"
+#include "support/TempDir.hpp"
 
 namespace {
 
@@ -62,8 +65,7 @@ TEST(SessionManager, CreatedSessionsCarryTheManagersSettingsAndAReference) {
         HttpSession_decrement(S);
         EXPECT_EQ(SessionManager_findSession(m.M, nullptr), nullptr);
         EXPECT_EQ(SessionManager_findSession(m.M, "NOSUCHID"), nullptr);
-        EXPECT_EQ(assertion([&] { SessionManager_setMaxInactiveInterval(m.M, 0); }),
-                  "interval>0");
+        EXPECT_EQ(assertion([&] { SessionManager_setMaxInactiveInterval(m.M, 0); }), "interval>0");
 }
 
 TEST(SessionManager, TheLimitAdmitsOneMoreAndRefusesUntilASessionDies) {
@@ -125,4 +127,109 @@ TEST(SessionManager, OnlyUsedValidSessionsCountAsActive) {
         EXPECT_TRUE(HttpSession_isNew(fresh));
         EXPECT_EQ(SessionManager_getActiveSessions(m.M), 1);
         EXPECT_EQ(Context_getActiveSessions(m.context), 1);
+}
+
+/* ------------------------------------------------------- Saved across a restart */
+
+namespace {
+
+// A manager of /app whose sessions are saved in an SQLite database that a test fills.
+struct Saving {
+        TempDir dir;
+        testdb::Database db{dir / "sessions.db"};
+        Context_T context = Context_new();
+        SessionManager_T M;
+        explicit Saving(bool save = true) {
+                ConnectionPool_T pool = ConnectionPool_new(db.url().c_str());
+                Realm_setDatabase(Realm_getInstance(), pool);
+                Context_setContextPath(context, "/app");
+                Context_activateSessionManager(context);
+                M = Context_getSessionManager(context);
+                SessionManager_saveSessions(M, save);
+        }
+        ~Saving() {
+                Context_free(&context);
+                Realm_free();
+        }
+        // A row of context for id, last used `age` seconds ago, with that interval.
+        void row(const std::string& id, const std::string& context, long age, int interval) {
+                long now = static_cast<long>(time(nullptr));
+                db.execute("INSERT INTO session VALUES('" + id + "', '" + context + "', " +
+                           std::to_string(now - age) + ", " + std::to_string(now - age) + ", " +
+                           std::to_string(interval) + ", NULL, NULL, CAST('1:k;1:v;' AS BLOB));");
+        }
+        bool finds(const char* id) {
+                HttpSession_T S = SessionManager_findSession(M, id);
+                if (S)
+                        HttpSession_decrement(S);
+                return S != nullptr;
+        }
+};
+
+}  // namespace
+
+TEST(SessionManagerStore, StartLearnsLiveStoredIdsAndReadsEachOnFirstUse) {
+        Saving s;
+        s.row("LIVE", "/app", 10, 900);
+        s.row("OLD", "/app", 5000, 900);
+        s.row("FOREVER", "/app", 5000, -1);
+        s.row("OTHER", "/other", 10, 900);
+        SessionManager_start(s.M);
+        HttpSession_T live = SessionManager_findSession(s.M, "LIVE");
+        ASSERT_NE(live, nullptr);
+        EXPECT_TRUE(HttpSession_isPersistent(live));
+        EXPECT_EQ(SessionManager_findSession(s.M, "LIVE"), live) << "read once, then kept";
+        HttpSession_decrement(live);
+        HttpSession_decrement(live);
+        EXPECT_TRUE(s.finds("FOREVER"));
+        EXPECT_FALSE(s.finds("OLD"));
+        EXPECT_FALSE(s.finds("OTHER"));
+        // A stored row that vanished before its first request finds nothing.
+        s.row("GONE", "/app", 10, 900);
+        SessionManager_start(s.M);
+        s.db.execute("DELETE FROM session WHERE id='GONE'");
+        EXPECT_FALSE(s.finds("GONE"));
+        SessionManager_stop(s.M);
+}
+
+TEST(SessionManagerStore, StopSavesUsedSessionsAndDeletesExpiredRows) {
+        Saving s;
+        s.row("OLD", "/other", 5000, 900);
+        s.row("FOREVER", "/app", 5000, -1);
+        SessionManager_start(s.M);
+        HttpSession_T used = SessionManager_createSession(s.M);
+        HttpSession_setAttribute(used, "color", "red");
+        HttpSession_access(used);
+        std::string id = HttpSession_getId(used);
+        HttpSession_decrement(used);
+        HttpSession_T fresh = SessionManager_createSession(s.M);
+        std::string freshId = HttpSession_getId(fresh);
+        HttpSession_decrement(fresh);
+        SessionManager_stop(s.M);
+        EXPECT_EQ(s.db.scalar("SELECT count(*) FROM session WHERE id='" + id + "'"), "1");
+        EXPECT_EQ(s.db.scalar("SELECT count(*) FROM session WHERE id='" + freshId + "'"), "0")
+            << "a session never used is not kept";
+        EXPECT_EQ(s.db.scalar("SELECT count(*) FROM session WHERE id='OLD'"), "0")
+            << "expired rows of every context go";
+        EXPECT_EQ(s.db.scalar("SELECT count(*) FROM session WHERE id='FOREVER'"), "1");
+
+        // Started again, the same id finds the same attributes.
+        SessionManager_start(s.M);
+        HttpSession_T back = SessionManager_findSession(s.M, id.c_str());
+        ASSERT_NE(back, nullptr);
+        EXPECT_EQ(HttpSession_hasAttribute(back, "color"), 1);
+        HttpSession_decrement(back);
+        SessionManager_stop(s.M);
+}
+
+TEST(SessionManagerStore, WithoutSavingAStopWritesAndDeletesNothing) {
+        Saving s(false);
+        s.row("OLD", "/app", 5000, 900);
+        SessionManager_start(s.M);
+        EXPECT_FALSE(s.finds("OLD"));
+        HttpSession_T used = SessionManager_createSession(s.M);
+        HttpSession_access(used);
+        HttpSession_decrement(used);
+        SessionManager_stop(s.M);
+        EXPECT_EQ(s.db.scalar("SELECT count(*) FROM session"), "1");
 }
