@@ -107,6 +107,19 @@ TEST_P(Csrf, FormLoginCanTurnTheCheckOffForItsSession) {
             << "\"none\" holds \"no\", which turns the check off";
 }
 
+TEST_P(Csrf, ProtectionNeedsSessions) {
+        home.configure("");
+        Server server(home, GetParam());
+        server.stop();
+        std::string said = server.failure() + readFile(home / "logs/launcher.out") +
+                           readFile(home / "logs/error.log");
+        EXPECT_TRUE(has(said,
+                        "web.xml: CSRF protection require Context to have session "
+                        "activated. Please edit <Context> with path '/app' in server.xml "
+                        "and set maxActiveSessions to a number larger than zero."))
+            << said;
+}
+
 INSTANTIATE_TEST_SUITE_P(Server, Csrf, testing::Values(false, true),
                          [](const testing::TestParamInfo<bool>& info) {
                                  return info.param ? "InProcess" : "Launcher";

@@ -161,6 +161,27 @@ TEST_P(Login, RememberMeKeepsTheSessionNinetyDays) {
         EXPECT_EQ(field(get("/app/secure/page", cookie(id)).body, "user"), "ann");
 }
 
+TEST_P(Login, SavedSessionKeepsItsLoginOverARestart) {
+        home.configure("maxActiveSessions=\"100\" saveSessions=\"true\"");
+        home.security(constraint("/app/secure/*", "admin") + formLogin());
+        std::string id;
+        {
+                START_SERVER(server, home, GetParam());
+                id = get("/app/secure/page").header("Set-Cookie").substr(11, 32);
+                ASSERT_EQ(
+                    post("/app/v_security_check", "v_username=ann&v_password=secret", cookie(id))
+                        .status,
+                    302);
+                ASSERT_EQ(field(get("/app/secure/page", cookie(id)).body, "user"), "ann");
+        }
+        START_SERVER(server, home, GetParam());
+        Reply r = get("/app/secure/page", cookie(id));
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(field(r.body, "user"), "ann") << "the user comes back from the Realm";
+        EXPECT_EQ(field(r.body, "type"), "FORM");
+        EXPECT_EQ(field(r.body, "session"), id);
+}
+
 TEST_P(Login, LoginWithoutRoleOrMethodIsForbidden) {
         home.security(constraint("/app/secure/*", "admin"));
         START_SERVER(server, home, GetParam());
