@@ -33,7 +33,7 @@ void showLoginPage(HttpRequest_T req, HttpResponse_T res, LoginConfig_T config) 
         }
         const char* query = HttpRequest_getQueryString(req);
         HttpSession_setAttribute(session, kSavedRequest, "%s%s%s", HttpRequest_getRequestURI(req),
-                                 query ? "?" : "", query ? query : "");
+                                 query && *query ? "?" : "", query ? query : "");
         RequestDispatcher_forward(login);
 }
 

@@ -43,6 +43,25 @@ TEST_P(Constraints, ClientOutsideTheAllowedAddressesIsForbidden) {
         EXPECT_EQ(field(r.body, "user"), "null") << "no role asked, so no login";
 }
 
+TEST_P(Constraints, FirstConstraintWithoutRolesLetsTheRequestIn) {
+        std::string open = constraint("/app/secure/*", "");
+        // Roles first: a login is asked for, and then the open one skips the role check.
+        home.security(constraint("/app/secure/*", "admin") + open + basicLogin());
+        {
+                START_SERVER(server, home, GetParam());
+                EXPECT_EQ(get("/app/secure/page").status, 401);
+                Reply r = get("/app/secure/page", basic("bob:pw"));
+                EXPECT_EQ(r.status, 200);
+                EXPECT_EQ(field(r.body, "user"), "bob");
+        }
+        // The open one first lets everybody in with no login at all.
+        home.security(open + constraint("/app/secure/*", "admin") + basicLogin());
+        START_SERVER(server, home, GetParam());
+        Reply r = get("/app/secure/page");
+        EXPECT_EQ(r.status, 200);
+        EXPECT_EQ(field(r.body, "user"), "null");
+}
+
 TEST_P(Constraints, ConfidentialWithoutRedirectPortIsForbiddenWithTheUri) {
         home.security(constraint("/app/conf/*", "",
                                  "<user-data-constraint><transport-guarantee>CONFIDENTIAL"
