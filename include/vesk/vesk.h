@@ -33,6 +33,7 @@
 #include <vesk/LoginConfig.h>
 #include <vesk/Realm.h>
 #include <vesk/Principal.h>
+#include <vesk/Authenticator.h>
 #include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>

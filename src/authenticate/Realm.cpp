@@ -63,27 +63,29 @@ Principal_T loadPrincipal(Realm_T R, const char* name) {
                 return nullptr;
         }
         Principal_T P = nullptr;
-        TRY PreparedStatement_T user =
-            Connection_prepareStatement(connection, "SELECT password FROM users WHERE uname=?;");
-        PreparedStatement_setString(user, 1, name);
-        ResultSet_T found = PreparedStatement_executeQuery(user);
-        if (found && ResultSet_next(found)) {
-                // A user without a password can be found but never logs in.
-                const char* password = ResultSet_getString(found, 1);
-                P = Principal_new(name, password ? password : "");
-                ResultSet_T roles = Connection_executeQuery(
-                    connection, "SELECT role FROM userroles WHERE uname='%s';",
-                    quoted(name).c_str());
-                while (roles && ResultSet_next(roles))
-                        if (const char* role = ResultSet_getString(roles, 1))
-                                Principal_addRole(P, role);
-        }
-        ELSE Error_error("Realm: Cannot load Principal, %s -- %s\n",
-                         Exception_frame.exception->name, Exception_frame.message);
-        if (P)
-                Principal_free(&P);
+        TRY
+                PreparedStatement_T user = Connection_prepareStatement(
+                    connection, "SELECT password FROM users WHERE uname=?;");
+                PreparedStatement_setString(user, 1, name);
+                ResultSet_T found = PreparedStatement_executeQuery(user);
+                if (found && ResultSet_next(found)) {
+                        // A user without a password can be found but never logs in.
+                        const char* password = ResultSet_getString(found, 1);
+                        P = Principal_new(name, password ? password : "");
+                        ResultSet_T roles = Connection_executeQuery(
+                            connection, "SELECT role FROM userroles WHERE uname='%s';",
+                            quoted(name).c_str());
+                        while (roles && ResultSet_next(roles))
+                                if (const char* role = ResultSet_getString(roles, 1))
+                                        Principal_addRole(P, role);
+                }
+        ELSE
+                Error_error("Realm: Cannot load Principal, %s -- %s\n",
+                            Exception_frame.exception->name, Exception_frame.message);
+                if (P)
+                        Principal_free(&P);
         FINALLY
-        Connection_close(connection);
+                Connection_close(connection);
         END_TRY;
         return P;
 }

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Authenticator.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
 #include <vesk/DefaultServlet.h>
@@ -19,8 +20,6 @@
 #include <vesk/Table.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
-
-#include "authenticate/StandIns.hpp"
 
 struct Context_S {
         Table_T servletMapping;

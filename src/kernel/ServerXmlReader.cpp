@@ -29,7 +29,6 @@
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 #include "kernel/Transitions.hpp"
 #include "util/Holder.hpp"
@@ -288,47 +287,51 @@ void startRealm(const char** attributes, ParseState* a) {
         URL_T U = url ? URL_new(url) : nullptr;
         if (!U)
                 THROW(AssertException, "Invalid URL '%s' in <Realm>", url ? url : "");
-        TRY const char* protocol = URL_getProtocol(U);
-        if (!Connection_isSupported(protocol))
-                THROW(AssertException, "Database protocol '%s' not supported in <Realm>", protocol);
-        int min = poolSize(attributes, "minConnections", 5);
-        int max = poolSize(attributes, "maxConnections", 20);
-        if (min > max)
-                THROW(AssertException,
-                      "minConnections is greater than maxConnections (%d > %d) in "
-                      "<Realm>\n",
-                      min, max);
-        int reap = 0;
-        if (const char* value = XMLParser_getAttribute("reapConnections", attributes)) {
-                long long n = checkNumberAttribute("Realm", "reapConnections", value);
-                if (n < 1 || n > 86400)
+        TRY
+                const char* protocol = URL_getProtocol(U);
+                if (!Connection_isSupported(protocol))
+                        THROW(AssertException, "Database protocol '%s' not supported in <Realm>",
+                              protocol);
+                int min = poolSize(attributes, "minConnections", 5);
+                int max = poolSize(attributes, "maxConnections", 20);
+                if (min > max)
                         THROW(AssertException,
-                              "reapConnections in <Realm> has an invalid value outside "
-                              "[1..86400] sec\n");
-                reap = static_cast<int>(n);
-        }
-        // The pool reads its own copy of the URL text; a relative SQLite database
-        // lies under the home and is named to the pool by its full path.
-        std::string text = url;
-        const char* path = URL_getPath(U);
-        if (Str_isEqual(protocol, "sqlite") && !(File_isPathAbsolute(path) && File_isFile(path))) {
-                char database[kPath + 1];
-                snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
-                if (!File_isFile(database))
-                        THROW(AssertException, "Realm database '%s' does not exist", database);
-                URL_setPath(U, database);
-                const char* query = URL_getQueryString(U);
-                text = std::string("sqlite://") + database +
-                       (query && *query ? std::string("?") + query : "");
-        }
-        vesk::Holder<ConnectionPool_T, freePool> pool(ConnectionPool_new(text.c_str()));
-        ConnectionPool_setInitialConnections(pool.get(), min);
-        ConnectionPool_setMaxConnections(pool.get(), max);
-        if (reap)
-                ConnectionPool_setReaper(pool.get(), reap);
-        Realm_setDatabase(Realm_getInstance(), pool.release());
+                              "minConnections is greater than maxConnections (%d > %d) in "
+                              "<Realm>\n",
+                              min, max);
+                int reap = 0;
+                if (const char* value = XMLParser_getAttribute("reapConnections", attributes)) {
+                        long long n = checkNumberAttribute("Realm", "reapConnections", value);
+                        if (n < 1 || n > 86400)
+                                THROW(AssertException,
+                                      "reapConnections in <Realm> has an invalid value outside "
+                                      "[1..86400] sec\n");
+                        reap = static_cast<int>(n);
+                }
+                // The pool reads its own copy of the URL text; a relative SQLite database
+                // lies under the home and is named to the pool by its full path.
+                std::string text = url;
+                const char* path = URL_getPath(U);
+                if (Str_isEqual(protocol, "sqlite") &&
+                    !(File_isPathAbsolute(path) && File_isFile(path))) {
+                        char database[kPath + 1];
+                        snprintf(database, sizeof database, "%s%s", home(a), path ? path : "");
+                        if (!File_isFile(database))
+                                THROW(AssertException, "Realm database '%s' does not exist",
+                                      database);
+                        URL_setPath(U, database);
+                        const char* query = URL_getQueryString(U);
+                        text = std::string("sqlite://") + database +
+                               (query && *query ? std::string("?") + query : "");
+                }
+                vesk::Holder<ConnectionPool_T, freePool> pool(ConnectionPool_new(text.c_str()));
+                ConnectionPool_setInitialConnections(pool.get(), min);
+                ConnectionPool_setMaxConnections(pool.get(), max);
+                if (reap)
+                        ConnectionPool_setReaper(pool.get(), reap);
+                Realm_setDatabase(Realm_getInstance(), pool.release());
         FINALLY
-        URL_free(&U);
+                URL_free(&U);
         END_TRY;
 }
 

@@ -20,7 +20,6 @@
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/Transitions.hpp"
 #include "kernel/WebXmlReader.hpp"
 
