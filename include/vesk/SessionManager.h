@@ -33,11 +33,12 @@ VESK_API void SessionManager_start(SessionManager_T M);
 /* When saving, stores every used valid session and deletes expired rows; then frees
    every session in memory, in use or not. */
 VESK_API void SessionManager_stop(SessionManager_T M);
-/* A new session with a fresh id, or NULL when the limit is reached (logged once until
-   a creation succeeds again). */
+/* A new session with a fresh id and one reference taken for the caller, or NULL when
+   the limit is reached (logged once until a creation succeeds again). */
 VESK_API HttpSession_T SessionManager_createSession(SessionManager_T M);
-/* The session of id, read from the database on first use; NULL for a NULL or unknown
-   id, and for a dead session that no request holds, which is freed. */
+/* The session of id, read from the database on first use, with one reference taken for
+   the caller; NULL for a NULL or unknown id, and for a dead session that no request
+   holds, which is freed. */
 VESK_API HttpSession_T SessionManager_findSession(SessionManager_T M, const char* id);
 /* Frees the session of id if no request holds it. */
 VESK_API void SessionManager_remove(SessionManager_T M, const char* id);

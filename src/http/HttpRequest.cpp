@@ -23,6 +23,7 @@
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
+
 struct HttpRequest_S {
         char* requestURL;
         char* requestURI;

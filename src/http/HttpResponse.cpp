@@ -24,6 +24,7 @@
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
+
 struct HttpResponse_S {
         int status;
         int keepAlive;

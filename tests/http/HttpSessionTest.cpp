@@ -170,22 +170,13 @@ struct Session {
 
 }  // namespace
 
-TEST(HttpSession, AttributesAreSetReplacedAndRemoved) {
+TEST(HttpSession, ANullFormatRemovesAndAPrefixRemovesInAnyCase) {
         Sessions app;
         Session s(app.manager);
-        HttpSession_setAttribute(s.S, "n", "%d", 7);
-        HttpSession_setAttribute(s.S, "n", "%d", 8);
-        EXPECT_STREQ(HttpSession_getAttribute(s.S, "n"), "8");
-        EXPECT_EQ(HttpSession_getIntAttribute(s.S, "n"), 8);
-        HttpSession_setAttribute(s.S, "empty", "%s", "");
-        EXPECT_EQ(HttpSession_getIntAttribute(s.S, "empty"), -1);
-        EXPECT_EQ(HttpSession_getIntAttribute(s.S, "missing"), -1);
-        EXPECT_FALSE(HttpSession_hasAttribute(s.S, nullptr));
-
+        HttpSession_setAttribute(s.S, "n", "%s", "");
+        EXPECT_EQ(HttpSession_getIntAttribute(s.S, "n"), -1) << "empty counts as missing";
         HttpSession_setAttribute(s.S, "n", nullptr);
         EXPECT_FALSE(HttpSession_hasAttribute(s.S, "n"));
-        EXPECT_EQ(HttpSession_getAttribute(s.S, "n"), nullptr);
-
         HttpSession_setAttribute(s.S, "Cart.a", "1");
         HttpSession_setAttribute(s.S, "cart.b", "2");
         HttpSession_setAttribute(s.S, "keep", "3");
@@ -193,8 +184,6 @@ TEST(HttpSession, AttributesAreSetReplacedAndRemoved) {
         EXPECT_FALSE(HttpSession_hasAttribute(s.S, "Cart.a"));
         EXPECT_FALSE(HttpSession_hasAttribute(s.S, "cart.b"));
         EXPECT_TRUE(HttpSession_hasAttribute(s.S, "keep"));
-        HttpSession_removeAttributes(s.S);
-        EXPECT_FALSE(HttpSession_hasAttribute(s.S, "keep"));
 }
 
 TEST(HttpSession, AValueHandedOutIsTheRequestsOwnCopy) {

@@ -53,9 +53,6 @@ TEST(SessionManager, CreatedSessionsCarryTheManagersSettingsAndAReference) {
         SessionManager_saveSessions(m.M, 1);
         HttpSession_T S = SessionManager_createSession(m.M);
         ASSERT_NE(S, nullptr);
-        EXPECT_EQ(std::string(HttpSession_getId(S)).size(), 32u);
-        EXPECT_EQ(std::string(HttpSession_getId(S)).find_first_not_of("0123456789ABCDEF"),
-                  std::string::npos);
         EXPECT_EQ(HttpSession_refcount(S), 1);
         EXPECT_EQ(HttpSession_getMaxInactiveInterval(S), 60);
         EXPECT_TRUE(HttpSession_isPersistent(S));
