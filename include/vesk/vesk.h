@@ -31,6 +31,9 @@
 #include <vesk/SecurityCollection.h>
 #include <vesk/SecurityConstraint.h>
 #include <vesk/LoginConfig.h>
+#include <vesk/Realm.h>
+#include <vesk/Principal.h>
+#include <vesk/Authenticator.h>
 #include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>
@@ -44,6 +47,8 @@
 #include <vesk/SSL.h>
 #include <vesk/Cookie.h>
 #include <vesk/Part.h>
+#include <vesk/HttpSession.h>
+#include <vesk/SessionManager.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/HttpStore.h>

@@ -129,6 +129,8 @@ void closeConnection(InetAddress_T inet, bool reset) {
                 if (fd >= 0 && fd < H->openSize && H->open[fd].inet == inet)
                         H->open[fd] = {};
         }
+        if (HttpRequest_T request = InetAddress_getRequest(inet))
+                HttpRequest_end(request);  // a request cut off still gives back its session
         if (reset)
                 InetAddress_abort(&inet);
         else
@@ -973,8 +975,6 @@ void closeOpenConnections(HttpConnector_T H) {
                 // A connection reading a body holds its store as the handler's data.
                 if (data && data != o.inet)
                         HttpStore_destroy(static_cast<HttpStore_T>(data));
-                if (HttpRequest_T request = InetAddress_getRequest(o.inet))
-                        HttpRequest_end(request);
                 closeConnection(o.inet, true);
         }
 }
