@@ -41,8 +41,9 @@ const browser = await chromium.launchPersistentContext(profile, {
 browser.setDefaultTimeout(15000);
 const page = browser.pages()[0] ?? (await browser.newPage());
 
+// The cookie's path is the application's, so it is asked for with a page of it.
 async function sessionCookie() {
-  const cookies = await browser.cookies(base);
+  const cookies = await browser.cookies(`${app}/`);
   return cookies.find((cookie) => cookie.name === 'vsessionid');
 }
 
