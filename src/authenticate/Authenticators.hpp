@@ -1,5 +1,5 @@
 // The login methods and the token check behind Authenticator_invoke. Each answers true to
-// go on, or false after making the response itself (or, for the placeholders, with none).
+// go on, or false after making the response itself (or, for the unsupported methods, with none).
 #pragma once
 
 #include <vesk/HttpRequest.h>
