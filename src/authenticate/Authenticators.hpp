@@ -1,5 +1,5 @@
 // The login methods and the token check behind Authenticator_invoke. Each answers true to
-// go on, or false after making the response itself (or, for the unsupported methods, with none).
+// go on, or false after making the response itself (the unsupported methods make none).
 #pragma once
 
 #include <vesk/HttpRequest.h>
