@@ -3,12 +3,13 @@
 #
 #   bench_prepare         installs wrk, nginx and curl when missing, builds the release tree,
 #                         makes the work directory $work and removes it (and the servers) on exit
-#   vesk_home             copies the example home to $work/home, its connector on a free port
-#                         ($vesk_port) and without the access log
+#   vesk_home             copies the example home to $work/home, its connectors on free ports
+#                         ($vesk_port, and $vesk_tls_port for HTTPS) and without the access log
 #   vesk_start            starts the server on $work/home ($vesk_pid) and waits for it
-#   nginx_start ROOT WORKERS [DIRECTIVES]
+#   nginx_start ROOT WORKERS [DIRECTIVES] [LISTEN]
 #                         starts nginx on ROOT on a free port ($nginx_port, $nginx_pid), without
-#                         an access log; DIRECTIVES go into its http block
+#                         an access log; DIRECTIVES go into its http block, LISTEN (such as
+#                         "ssl") behind its listen address
 #   check URL FILE [plain|gzip] [curl options]
 #                         fails unless URL answers 200 with exactly FILE's bytes (gzip: in the
 #                         gzip form, which then unpacks to FILE)
@@ -73,12 +74,16 @@ wait_port() {
         done
 }
 
-# The server on a copy of the example home, its connector moved to a free port, without the
-# per-request access log line that nginx is spared as well.
+# The server on a copy of the example home, its connectors moved to free ports, without the
+# per-request access log line that nginx is spared as well. The HTTPS connector keeps the
+# example's certificate, made when the home has none.
 vesk_home() {
         vesk_port=$(free_port)
+        vesk_tls_port=$(free_port)
         cp -r build/bench/examples/home "$work/home"
-        sed -i -e "s/port=\"8080\"/port=\"$vesk_port\"/" -e '/<Accesslogger/d' "$work/home/conf/server.xml"
+        sed -i -e "s/port=\"8080\"/port=\"$vesk_port\"/" -e "s/port=\"8443\"/port=\"$vesk_tls_port\"/" \
+                -e '/<Accesslogger/d' "$work/home/conf/server.xml"
+        sh scripts/example-cert.sh "$work/home" >/dev/null
 }
 
 vesk_start() {
@@ -101,7 +106,7 @@ http {
         access_log off;${3:+
         $3}
         server {
-                listen 127.0.0.1:$nginx_port;
+                listen 127.0.0.1:$nginx_port${4:+ $4};
                 root $1;
         }
 }

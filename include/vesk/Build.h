@@ -49,7 +49,7 @@ VESK_API Host_T Build_findHost(Build_T B, const char* name);
 VESK_API Host_T Build_defaultHost(Build_T B);
 /* The List of HttpConnector_T, the last in the file first. Owned by B. */
 VESK_API List_T Build_connectors(Build_T B);
-/* The Realm singleton, or NULL while the server has no user database. */
+/* The Realm singleton, whose database may be unset. */
 VESK_API Realm_T Build_realm(Build_T B);
 
 VESK_END_DECLS

@@ -31,6 +31,9 @@
 #include <vesk/SecurityCollection.h>
 #include <vesk/SecurityConstraint.h>
 #include <vesk/LoginConfig.h>
+#include <vesk/Realm.h>
+#include <vesk/Principal.h>
+#include <vesk/Authenticator.h>
 #include <vesk/FileCache.h>
 #include <vesk/CacheQueue.h>
 #include <vesk/Cache.h>
@@ -45,6 +48,8 @@
 #include <vesk/SSL.h>
 #include <vesk/Cookie.h>
 #include <vesk/Part.h>
+#include <vesk/HttpSession.h>
+#include <vesk/SessionManager.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/HttpStore.h>
@@ -73,6 +78,11 @@
 #include <vesk/Reactor.h>
 #include <vesk/Dispatcher.h>
 #include <vesk/Thread.h>
+#include <vesk/Scheduler.h>
+#include <vesk/Future.h>
+#include <vesk/Operation.h>
+#include <vesk/OperationQueue.h>
+#include <vesk/Observable.h>
 #include <vesk/List.h>
 #include <vesk/Vector.h>
 #include <vesk/Table.h>

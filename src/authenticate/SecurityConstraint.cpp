@@ -1,10 +1,9 @@
 #include <string.h>
 
+#include <vesk/Principal.h>
 #include <vesk/SecurityConstraint.h>
 #include <vesk/Str.h>
 #include <vesk/assert.h>
-
-#include "authenticate/StandIns.hpp"
 
 struct SecurityConstraint_S {
         int allRoles;

@@ -51,6 +51,12 @@ struct Linger {
         Linger* next;
 };
 
+// An accepted connection and its Reactor slot, kept until the connection closes.
+struct Open {
+        InetAddress_T inet;
+        EventHandler_T handler;
+};
+
 }  // namespace
 
 struct HttpConnector_S {
@@ -84,12 +90,17 @@ struct HttpConnector_S {
         int busy;             // dispatched and not yet answered in full; Reactor thread only
         int draining;         // stopping: no new connections, none kept alive
         Linger* lingering;    // half-closed connections still read; Reactor thread only
+        Open* open;           // by descriptor: the connections a stop must close; Reactor thread
+        int openSize;
 };
 
 namespace {
 
 // Each read that brings no complete head costs the connection this much of its budget.
 constexpr int kHeadReadCost = 1000;
+// The longest a TLS handshake may take in all, however its client spaces its bytes, unless
+// connectionTimeout is longer still.
+constexpr int kHandshakeTime = 10000;
 constexpr int kReadSize = 4096;
 
 constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
@@ -112,14 +123,22 @@ const char* remote(InetAddress_T inet) {
 // Every connection of the connector ends here, orderly or with a reset.
 void closeConnection(InetAddress_T inet, bool reset) {
         HttpConnector_T H = InetAddress_getConnector(inet);
-        if (H)
+        if (H) {
                 H->connections--;
+                int fd = InetAddress_getSocket(inet);
+                if (fd >= 0 && fd < H->openSize && H->open[fd].inet == inet)
+                        H->open[fd] = {};
+        }
+        if (HttpRequest_T request = InetAddress_getRequest(inet))
+                HttpRequest_end(request);  // a request cut off still gives back its session
         if (reset)
                 InetAddress_abort(&inet);
         else
                 InetAddress_free(&inet);
 }
 
+void _doHandshake(EventHandler_T handler, int revents);
+bool awaitHandshake(HttpConnector_T H, EventHandler_T handler, SSL_T ssl);
 void _readRequest(EventHandler_T handler, int revents);
 void _handlePostData(EventHandler_T handler, int revents);
 void _skipBody(EventHandler_T handler, int revents);
@@ -266,7 +285,11 @@ void settle(HttpConnector_T H) {
 
 /* ------------------------------------------------------------- Accepting */
 
-bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet) {
+// Starts TLS on a new connection with the identity of the host bound to the address it
+// reached. On false, *refused tells whether the client's first bytes were refused, in which
+// case the TLS alert that says why is already on its way.
+bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet, bool* refused) {
+        *refused = false;
         const char* local = InetAddress_getLocalHostAddress(inet);
         // The TLS identity belongs to the Host bound to the interface the client reached.
         Host_T host = Engine_findHostWithAddress(H->engine, local);
@@ -286,11 +309,13 @@ bool _doSSLAccept(HttpConnector_T H, InetAddress_T inet) {
                 Error_debug("%s: Cannot accept secure connection from [%s] %s\n",
                                  Exception_frame.exception->name, InetAddress_getRemoteHostName(inet),
                                  Exception_frame.message);
+                *refused = true;
         END_TRY;
         return accepted;
 }
 
-// Arms a new connection for its first head; false when the Reactor cannot take it.
+// Arms a new connection for its handshake or its first head; false when the Reactor cannot
+// take it.
 bool admit(HttpConnector_T H, InetAddress_T inet) {
         EventHandler_T handler = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
         if (!handler)
@@ -299,8 +324,14 @@ bool admit(HttpConnector_T H, InetAddress_T inet) {
         InetAddress_setConnector(inet, H);
         InetAddress_setKeepAliveRequests(inet, H->keepAliveRequests);
         H->connections++;
+        int fd = InetAddress_getSocket(inet);
+        if (fd < H->openSize)
+                H->open[fd] = {inet, handler};
         InetAddress_setNonBlocking(inet);
         EventHandler_setData(handler, inet);
+        SSL_T ssl = InetAddress_getSSL(inet);
+        if (ssl && SSLTransport_handshaking(ssl))
+                return awaitHandshake(H, handler, ssl);
         EventHandler_setHandler(handler, _readRequest);
         EventHandler_setTimeout(handler, H->connectionTimeout);
         return Reactor_registerHandler(H->reactor, handler, Reactor_Read);
@@ -311,8 +342,14 @@ void _doAccept(EventHandler_T handler, int revents) {
         (void)revents;
         HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
         for (InetAddress_T inet; (inet = Net_accept(H->serverSocket));) {
-                if (H->secure && !_doSSLAccept(H, inet)) {
-                        InetAddress_abort(&inet);
+                bool refused;
+                if (H->secure && !_doSSLAccept(H, inet, &refused)) {
+                        // A refused handshake closes in order, as it does when the refusal
+                        // comes later, so that the client reads the alert rather than a reset.
+                        if (refused)
+                                InetAddress_free(&inet);
+                        else
+                                InetAddress_abort(&inet);
                         continue;
                 }
                 if (!admit(H, inet)) {
@@ -324,6 +361,66 @@ void _doAccept(EventHandler_T handler, int revents) {
                         return;
                 }
         }
+}
+
+/* ------------------------------------------------------------ The handshake */
+
+// The handshake runs on a clock of its own, so that a slow link does not spend the budget
+// of the request that follows: each wait for the client lasts at most connectionTimeout,
+// and all of the handshake ends within kHandshakeTime of the accept (or connectionTimeout,
+// if longer), however the client spaces its bytes. The head's budget starts whole after it.
+int handshakeTime(HttpConnector_T H) {
+        return std::max(H->connectionTimeout, kHandshakeTime);
+}
+
+// Arms the handler for the next step of the handshake, in the direction that the TLS layer
+// waits for; false when no time is left or the Reactor cannot take it.
+bool awaitHandshake(HttpConnector_T H, EventHandler_T handler, SSL_T ssl) {
+        int64_t left = SSLTransport_started(ssl) + handshakeTime(H) - Time_milli();
+        // The handler's timeout counts whole seconds, so less than one left is none left.
+        if (left < 1000)
+                return false;
+        int64_t wait =
+            H->connectionTimeout > 0 ? std::min<int64_t>(H->connectionTimeout, left) : left;
+        EventHandler_setHandler(handler, _doHandshake);
+        EventHandler_setTimeout(handler, static_cast<int>(wait));
+        return Reactor_registerHandler(H->reactor, handler,
+                                       SSLTransport_wantsWrite(ssl) ? Reactor_Write : Reactor_Read);
+}
+
+void _doHandshake(EventHandler_T handler, int revents) {
+        InetAddress_T inet = static_cast<InetAddress_T>(EventHandler_getData(handler));
+        HttpConnector_T H = InetAddress_getConnector(inet);
+        SSL_T ssl = InetAddress_getSSL(inet);
+        int step = -1;
+        if (revents == Reactor_Read || revents == Reactor_Write)
+                step = SSLTransport_handshake(ssl);
+        else if (revents != Reactor_Timeout)
+                Error_error("Unexpected event [%d] received in _doHandshake\n", revents);
+        if (step == 1) {
+                EventHandler_setHandler(handler, _readRequest);
+                EventHandler_setTimeout(handler, H->connectionTimeout);
+                // The head may have come with the handshake's last bytes and now wait in the
+                // TLS layer, which the socket does not signal.
+                if (SSLTransport_buffered(ssl))
+                        _readRequest(handler, Reactor_Read);
+                else if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read))
+                        _sendError(inet, 500, "Could not register with Reactor");
+                return;
+        }
+        if (step == 0 && awaitHandshake(H, handler, ssl))
+                return;
+        // No HTTP answer is possible before the handshake is done. A refused handshake is
+        // closed in order, so that the client reads the TLS alert that says why, rather
+        // than a reset; a client out of time is reset, as for a head.
+        bool refused = step < 0 && revents != Reactor_Timeout;
+        if (refused)
+                Error_debug("[client %s] secure connection closed -- handshake failed\n",
+                            remote(inet));
+        else
+                Error_debug("[client %s] secure connection closed -- handshake took too long\n",
+                            remote(inet));
+        closeConnection(inet, !refused);
 }
 
 /* --------------------------------------------------------- Reading a request */
@@ -410,8 +507,6 @@ void _readRequest(EventHandler_T handler, int revents) {
                 closeConnection(inet, true);
                 return;
         }
-        SSL_T ssl = InetAddress_getSSL(inet);
-        bool handshaking = ssl && SSLTransport_handshaking(ssl);
         char* buffer = nullptr;
         int n = InputStream_hasRequest(InetAddress_getInputStream(inet), &buffer);
         if (n == -1) {
@@ -421,13 +516,9 @@ void _readRequest(EventHandler_T handler, int revents) {
         if (n == 0) {
                 // Every incomplete read costs a second, however long the client took, so a
                 // client trickling its head gets a bounded number of events. A handler
-                // without a timeout has no budget to spend. The read that completes a TLS
-                // handshake gives the whole budget back: the head has not begun, and a
-                // client that waits for the handshake before it writes must not lose it.
+                // without a timeout has no budget to spend.
                 int budget = EventHandler_getTimeout(handler);
-                if (handshaking && !SSLTransport_handshaking(ssl))
-                        EventHandler_setTimeout(handler, H->connectionTimeout);
-                else if (budget > 0) {
+                if (budget > 0) {
                         budget -= kHeadReadCost;
                         if (budget < 1) {
                                 Error_debug(
@@ -870,6 +961,24 @@ void drainResponsePipe(HttpConnector_T H) {
         }
 }
 
+// Connections still open once the processor threads are gone and the lingering ones are
+// closed: idle between requests, or in the middle of a head or a body. A stop closes them
+// rather than leave them to the process's end, as a server inside a longer-lived process
+// would leak their memory and descriptors.
+void closeOpenConnections(HttpConnector_T H) {
+        for (int fd = 0; fd < H->openSize; fd++) {
+                Open o = H->open[fd];
+                if (!o.inet)
+                        continue;
+                void* data = EventHandler_getData(o.handler);
+                Reactor_removeHandler(H->reactor, o.handler);
+                // A connection reading a body holds its store as the handler's data.
+                if (data && data != o.inet)
+                        HttpStore_destroy(static_cast<HttpStore_T>(data));
+                closeConnection(o.inet, true);
+        }
+}
+
 char* copy(const char* s) {
         return s ? Str_dup(s) : nullptr;
 }
@@ -911,6 +1020,7 @@ void HttpConnector_free(HttpConnector_T* H) {
         if (C->dispatcher)
                 Dispatcher_free(&C->dispatcher);
         closeResponsePipe(C);
+        FREE(C->open);
         FREE(C->proxyScheme);
         FREE(C->proxyName);
         FREE(C->bindAddress);
@@ -930,6 +1040,10 @@ void HttpConnector_start(HttpConnector_T H) {
                     Dispatcher_new(H->processorThreads, H->processorTimeout, Processor_Thread);
         if (H->responsePipe[0] < 0)
                 _createResponsePipe(H);
+        if (!H->open) {
+                H->openSize = Reactor_getConcurrency(H->reactor);
+                H->open = static_cast<Open*>(CALLOC(H->openSize, sizeof(Open)));
+        }
         H->serverSocket = ServerSocket_new(H->port, H->bindAddress, H->ipVersion);
         // With port 0 the system picked one; the connector reports where it listens.
         H->port = ServerSocket_getPort(H->serverSocket);
@@ -959,6 +1073,7 @@ void HttpConnector_stop(HttpConnector_T H) {
         // Their answers are out: a stop does not wait for clients that keep sending.
         while (H->lingering)
                 endLinger(H, H->lingering);
+        closeOpenConnections(H);
         H->busy = 0;
         H->draining = 0;
         Error_debug("Connector stopped\n");

@@ -8,19 +8,21 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
+#include <vesk/HttpSession.h>
 #include <vesk/HttpStore.h>
 #include <vesk/InetAddress.h>
 #include <vesk/List.h>
 #include <vesk/Logger.h>
 #include <vesk/Map.h>
 #include <vesk/Part.h>
+#include <vesk/Principal.h>
 #include <vesk/RequestDispatcher.h>
 #include <vesk/ServletContext.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 
 struct HttpRequest_S {
         char* requestURL;
@@ -62,6 +64,8 @@ struct HttpRequest_S {
         int partsParsed;
         List_T parts;
         Arena_T arena;
+        // The request a dispatched copy was made from, which holds the counted references.
+        HttpRequest_T origin;
 };
 
 namespace {
@@ -262,6 +266,8 @@ void HttpRequest_setInetAddress(HttpRequest_T H, InetAddress_T inet) {
 void HttpRequest_setUserPrincipal(HttpRequest_T H, Principal_T principal) {
         assert(H);
         H->userPrincipal = principal;
+        if (H->origin)
+                H->origin->userPrincipal = principal;
 }
 
 void HttpRequest_setContentLength(HttpRequest_T H, int length) {
@@ -601,6 +607,13 @@ HttpSession_T HttpRequest_getSession(HttpRequest_T H, int create) {
                 return H->session;
         if (!H->sessionManager)
                 return nullptr;
+        // Only the outermost request is ended, so a dispatched copy binds its session
+        // there, and the reference is given back once.
+        if (H->origin) {
+                H->session = HttpRequest_getSession(H->origin, create);
+                H->requestedSessionId = H->origin->requestedSessionId;
+                return H->session;
+        }
         HttpSession_T session = nullptr;
         if (H->requestedSessionId)
                 session = SessionManager_findSession(H->sessionManager, H->requestedSessionId);
@@ -611,10 +624,10 @@ HttpSession_T HttpRequest_getSession(HttpRequest_T H, int create) {
                 if (!session)
                         return nullptr;
         }
-        // The bound session's id replaces the one the client sent; where it came from
-        // (cookie or URL) is left as it was.
+        // The manager has counted this request's reference already. The bound session's
+        // id replaces the one the client sent; where it came from (cookie or URL) is left
+        // as it was.
         H->requestedSessionId = copy(H, HttpSession_getId(session));
-        HttpSession_increment(session);
         H->session = session;
         return session;
 }
@@ -623,6 +636,8 @@ Principal_T HttpRequest_getUserPrincipal(HttpRequest_T H) {
         assert(H);
         if (H->userPrincipal)
                 return H->userPrincipal;
+        if (H->origin)
+                return H->userPrincipal = HttpRequest_getUserPrincipal(H->origin);
         HttpSession_T session = HttpRequest_getSession(H, 0);
         if (session) {
                 H->userPrincipal = HttpSession_getPrincipal(session);
@@ -726,6 +741,7 @@ RequestDispatcher_T HttpRequest_getRequestDispatcher(HttpRequest_T H, const char
                            : STR_CAT_ARENA(H->arena, "%s%s", contextPath, path);
         HttpRequest_T second = static_cast<HttpRequest_T>(ARENA_ALLOC(H->arena, sizeof *second));
         *second = *H;
+        second->origin = H->origin ? H->origin : H;
         // The maps are shared, so both requests must rebuild what they derive from them.
         H->queryString = second->queryString = nullptr;
         second->requestURL = nullptr;

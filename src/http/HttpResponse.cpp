@@ -14,6 +14,7 @@
 #include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/HttpSession.h>
 #include <vesk/Map.h>
 #include <vesk/OutputStream.h>
 #include <vesk/ServerPage.h>
@@ -23,7 +24,6 @@
 #include <vesk/URL.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 
 struct HttpResponse_S {
         int status;

@@ -21,6 +21,7 @@
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
 #include <vesk/Reactor.h>
+#include <vesk/Realm.h>
 #include <vesk/SSL.h>
 #include <vesk/Service.h>
 #include <vesk/System.h>
@@ -28,7 +29,6 @@
 #include <vesk/Thread.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 
 pthread_key_t Request_Arena;
@@ -53,6 +53,7 @@ void discard(Build_T* B) {
         Config_destroy();
         Engine_free(&(*B)->engine);
         FREE(*B);
+        Realm_free();
 }
 
 void checkDefaults(Build_T B) {

@@ -4,6 +4,7 @@
 #include <strings.h>
 
 #include <vesk/Arena.h>
+#include <vesk/Authenticator.h>
 #include <vesk/Container.h>
 #include <vesk/Context.h>
 #include <vesk/CrashGuard.h>
@@ -15,12 +16,11 @@
 #include <vesk/Mem.h>
 #include <vesk/ServerPageServlet.h>
 #include <vesk/ServletContext.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
-
-#include "authenticate/StandIns.hpp"
 
 struct Context_S {
         Table_T servletMapping;

@@ -134,16 +134,16 @@ private:
         bool held_ = false;
 };
 
-// Formats one conversion, spec being its text from '%' to its letter, and adds the result
+// Formats one conversion, conversion being its text from '%' to its letter, and adds the result
 // as argument text.
 template <typename T>
-void convert(Entry& entry, const char* spec, const int* stars, int nstars, T value) {
+void convert(Entry& entry, const char* conversion, const int* stars, int nstars, T value) {
         auto print = [&](char* buffer, size_t size) {
                 if (nstars == 2)
-                        return snprintf(buffer, size, spec, stars[0], stars[1], value);
+                        return snprintf(buffer, size, conversion, stars[0], stars[1], value);
                 if (nstars == 1)
-                        return snprintf(buffer, size, spec, stars[0], value);
-                return snprintf(buffer, size, spec, value);
+                        return snprintf(buffer, size, conversion, stars[0], value);
+                return snprintf(buffer, size, conversion, value);
         };
         char small[256];
         int n = print(small, sizeof small);
@@ -161,56 +161,56 @@ void convert(Entry& entry, const char* spec, const int* stars, int nstars, T val
 
 // Takes the argument of one conversion off ap by its length modifier and letter, and
 // formats it. False for a conversion it does not know.
-bool convertNext(Entry& entry, const char* spec, const int* stars, int nstars,
+bool convertNext(Entry& entry, const char* conversion, const int* stars, int nstars,
                  std::string_view length, char letter, va_list& ap) {
         auto is = [&](const char* l) { return length == l; };
         switch (letter) {
         case 'd':
         case 'i':
                 if (is("l"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, long));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, long));
                 else if (is("ll") || is("q") || is("L"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, long long));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, long long));
                 else if (is("j"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, intmax_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, intmax_t));
                 else if (is("z") || is("Z"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, ssize_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, ssize_t));
                 else if (is("t"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, ptrdiff_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, ptrdiff_t));
                 else
-                        convert(entry, spec, stars, nstars, va_arg(ap, int));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, int));
                 return true;
         case 'o':
         case 'u':
         case 'x':
         case 'X':
                 if (is("l"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned long));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, unsigned long));
                 else if (is("ll") || is("q") || is("L"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned long long));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, unsigned long long));
                 else if (is("j"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, uintmax_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, uintmax_t));
                 else if (is("z") || is("Z"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, size_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, size_t));
                 else if (is("t"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, ptrdiff_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, ptrdiff_t));
                 else
-                        convert(entry, spec, stars, nstars, va_arg(ap, unsigned));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, unsigned));
                 return true;
         case 'c':
                 if (is("l"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, wint_t));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, wint_t));
                 else
-                        convert(entry, spec, stars, nstars, va_arg(ap, int));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, int));
                 return true;
         case 's':
                 if (is("l"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, const wchar_t*));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, const wchar_t*));
                 else
-                        convert(entry, spec, stars, nstars, va_arg(ap, const char*));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, const char*));
                 return true;
         case 'p':
-                convert(entry, spec, stars, nstars, va_arg(ap, void*));
+                convert(entry, conversion, stars, nstars, va_arg(ap, void*));
                 return true;
         case 'e':
         case 'E':
@@ -221,9 +221,9 @@ bool convertNext(Entry& entry, const char* spec, const int* stars, int nstars,
         case 'a':
         case 'A':
                 if (is("L"))
-                        convert(entry, spec, stars, nstars, va_arg(ap, long double));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, long double));
                 else
-                        convert(entry, spec, stars, nstars, va_arg(ap, double));
+                        convert(entry, conversion, stars, nstars, va_arg(ap, double));
                 return true;
         case 'n':
                 // Nothing is written through a log line.
@@ -386,18 +386,18 @@ char* vesk::Logger_formatEntry(const char* format, va_list ap, int* length) {
                 const char* lengthStart = p;
                 p += strspn(p, "hlqLjzZt");
                 std::string_view modifier(lengthStart, static_cast<size_t>(p - lengthStart));
-                char spec[64];
+                char conversion[64];
                 size_t specLength = static_cast<size_t>(p - start) + 1;
-                bool known = *p && specLength < sizeof spec;
+                bool known = *p && specLength < sizeof conversion;
                 if (known && *p == 'm') {
                         entry.argument(strerror(savedErrno), strlen(strerror(savedErrno)));
                         p++;
                         continue;
                 }
                 if (known) {
-                        memcpy(spec, start, specLength);
-                        spec[specLength] = 0;
-                        known = convertNext(entry, spec, stars, nstars, modifier, *p, args);
+                        memcpy(conversion, start, specLength);
+                        conversion[specLength] = 0;
+                        known = convertNext(entry, conversion, stars, nstars, modifier, *p, args);
                 }
                 if (!known) {
                         // A form this walk does not take apart, such as a numbered argument,

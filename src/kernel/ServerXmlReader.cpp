@@ -1,8 +1,12 @@
+#include <limits.h>
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <string>
+
+#include <vdb/Connection.h>
+#include <vdb/ConnectionPool.h>
 
 #include <vesk/Arena.h>
 #include <vesk/Container.h>
@@ -15,7 +19,9 @@
 #include <vesk/Host.h>
 #include <vesk/HttpConnector.h>
 #include <vesk/Logger.h>
+#include <vesk/Realm.h>
 #include <vesk/Service.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Socket.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
@@ -23,9 +29,9 @@
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/ServerXmlReader.hpp"
 #include "kernel/Transitions.hpp"
+#include "util/Holder.hpp"
 
 namespace {
 
@@ -109,6 +115,16 @@ long long checkNumberAttribute(const char* element, const char* attribute, const
                       "The value '%s' given in <%s> attribute '%s' is not a number",
                       value ? value : "", element, attribute);
         END_TRY;
+        return n;
+}
+
+// A session setting of <Context>: a number that an int holds.
+long long sessionNumber(const char* attribute, const char* value) {
+        long long n = checkNumberAttribute("Context", attribute, value);
+        if (n > INT_MAX || n < INT_MIN)
+                THROW(AssertException,
+                      "The value '%s' given in <Context> attribute '%s' is out of range", value,
+                      attribute);
         return n;
 }
 
@@ -264,6 +280,10 @@ int poolSize(const char** attributes, const char* name, int standard) {
         return n;
 }
 
+void freePool(ConnectionPool_T pool) {
+        ConnectionPool_free(&pool);
+}
+
 void startRealm(const char** attributes, ParseState* a) {
         const char* url = XMLParser_getAttribute("url", attributes);
         URL_T U = url ? URL_new(url) : nullptr;
@@ -271,7 +291,7 @@ void startRealm(const char** attributes, ParseState* a) {
                 THROW(AssertException, "Invalid URL '%s' in <Realm>", url ? url : "");
         TRY
                 const char* protocol = URL_getProtocol(U);
-                if (!Connection_isSupported(url))
+                if (!Connection_isSupported(protocol))
                         THROW(AssertException, "Database protocol '%s' not supported in <Realm>",
                               protocol);
                 int min = poolSize(attributes, "minConnections", 5);
@@ -290,6 +310,9 @@ void startRealm(const char** attributes, ParseState* a) {
                                       "[1..86400] sec\n");
                         reap = static_cast<int>(n);
                 }
+                // The pool reads its own copy of the URL text; a relative SQLite database
+                // lies under the home and is named to the pool by its full path.
+                std::string text = url;
                 const char* path = URL_getPath(U);
                 if (Str_isEqual(protocol, "sqlite") &&
                     !(File_isPathAbsolute(path) && File_isFile(path))) {
@@ -299,13 +322,18 @@ void startRealm(const char** attributes, ParseState* a) {
                                 THROW(AssertException, "Realm database '%s' does not exist",
                                       database);
                         URL_setPath(U, database);
+                        const char* query = URL_getQueryString(U);
+                        text = std::string("sqlite://") + database +
+                               (query && *query ? std::string("?") + query : "");
                 }
-                URL_T pool = U;
-                U = nullptr;
-                Realm_useDatabase(pool, min, max, reap);
+                vesk::Holder<ConnectionPool_T, freePool> pool(ConnectionPool_new(text.c_str()));
+                ConnectionPool_setInitialConnections(pool.get(), min);
+                ConnectionPool_setMaxConnections(pool.get(), max);
+                if (reap)
+                        ConnectionPool_setReaper(pool.get(), reap);
+                Realm_setDatabase(Realm_getInstance(), pool.release());
         FINALLY
-                if (U)
-                        URL_free(&U);
+                URL_free(&U);
         END_TRY;
 }
 
@@ -434,12 +462,12 @@ void startContext(const char** attributes, ParseState* a) {
                 if (Str_isEqual(attribute, "path") || Str_isEqual(attribute, "docBase"))
                         continue;
                 if (Str_isEqual(attribute, "sessionTimeout")) {
-                        long long n = checkNumberAttribute("Context", attribute, value);
+                        long long n = sessionNumber(attribute, value);
                         if (n < 1)
                                 THROW(AssertException, "sessionTimeout must be > 0");
                         Context_setSessionTimeout(context, static_cast<int>(n));
                 } else if (Str_isEqual(attribute, "maxActiveSessions")) {
-                        long long n = checkNumberAttribute("Context", attribute, value);
+                        long long n = sessionNumber(attribute, value);
                         if (n > 0) {
                                 Context_activateSessionManager(context);
                                 SessionManager_setMaxActiveSessions(

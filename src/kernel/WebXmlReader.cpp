@@ -13,13 +13,13 @@
 #include <vesk/Mem.h>
 #include <vesk/SecurityCollection.h>
 #include <vesk/SecurityConstraint.h>
+#include <vesk/SessionManager.h>
 #include <vesk/Str.h>
 #include <vesk/Table.h>
 #include <vesk/Wrapper.h>
 #include <vesk/XMLParser.h>
 #include <vesk/assert.h>
 
-#include "authenticate/StandIns.hpp"
 #include "kernel/Transitions.hpp"
 #include "kernel/WebXmlReader.hpp"
 

@@ -13,12 +13,11 @@
 #include <vesk/File.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
+#include <vesk/HttpSession.h>
 #include <vesk/Map.h>
 #include <vesk/OutputStream.h>
 #include <vesk/ServerPage.h>
 #include <vesk/Str.h>
-
-#include "authenticate/StandIns.hpp"
 
 #include <vesk/assert.h>
 
@@ -95,6 +94,36 @@ void addParameter(const char* key, const char* value, void* hdf) {
         putValue(static_cast<HDF*>(hdf), Str_join(name, kNameMax, "Request.Param.", key), value);
 }
 
+void addSessionAttribute(const char* key, const char* value, void* hdf) {
+        char name[kNameMax + 1];
+        putValue(static_cast<HDF*>(hdf), Str_join(name, kNameMax, "Session.Attr.", key), value);
+}
+
+// The request's session, if it has one already: a page never makes a session itself.
+// Attributes go under "Session.Attr.", apart from the page's own reserved names such
+// as "Session.invalidate".
+void addSession(HDF* h, HttpRequest_T req) {
+        HttpSession_T session = HttpRequest_getSession(req, 0);
+        if (!session)
+                return;
+        putValue(h, "Session.Id", HttpSession_getId(session));
+        struct {
+                const char* name;
+                long long value;
+        } const numbers[] = {
+            {"Session.IsNew", HttpSession_isNew(session)},
+            {"Session.CreationTime", HttpSession_getCreationTime(session)},
+            {"Session.LastAccessedTime", HttpSession_getLastAccessedTime(session)},
+            {"Session.MaxInactiveInterval", HttpSession_getMaxInactiveInterval(session)},
+        };
+        for (const auto& n : numbers) {
+                NEOERR* err = hdf_set_valuef(h, "%s=%lld", n.name, n.value);
+                nerr_ignore(&err);
+        }
+        putValue(h, "Session.AuthType", HttpSession_getAuthType(session));
+        HttpSession_map(session, addSessionAttribute, h);
+}
+
 int pathLevel(const char* uri) {
         int level = 0;
         for (const char* p = uri; p && *p; p++)
@@ -160,6 +189,7 @@ NEOERR* addPredefined(ServerPage_T P, HttpRequest_T req) {
         Map_map(HttpRequest_getCookieMap(req), addCookie, h);
         Map_map(HttpRequest_getHeaderMap(req), addHeader, h);
         Map_map(HttpRequest_getParameterMap(req), addParameter, h);
+        addSession(h, req);
         return STATUS_OK;
 }
 

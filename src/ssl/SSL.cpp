@@ -21,6 +21,7 @@
 #include <vesk/OutputStream.h>
 #include <vesk/SSL.h>
 #include <vesk/System.h>
+#include <vesk/Time.h>
 #include <vesk/assert.h>
 
 #include "ssl/SSLTransport.hpp"
@@ -32,6 +33,7 @@ struct SSL_S {
         SSL_CTX* ctx;
         int isClient;
         InetAddress_T inet;
+        int64_t started;  // Time_milli when the handshake began
 };
 
 namespace {
@@ -99,6 +101,7 @@ SSL_T newRecord(InetAddress_T inet, SSL_CTX* ctx, int isClient) {
         S->ctx = ctx;
         S->isClient = isClient;
         S->socket = InetAddress_getSocket(inet);
+        S->started = Time_milli();
         return S;
 }
 
@@ -354,6 +357,38 @@ int SSLTransport_write(SSL_T ssl, const void* buffer, int size, int timeout) {
 bool SSLTransport_handshaking(SSL_T ssl) {
         assert(ssl);
         return !SSL_is_init_finished(ssl->ssl);
+}
+
+int SSLTransport_handshake(SSL_T ssl) {
+        assert(ssl && ssl->ssl);
+        ERR_clear_error();
+        errno = 0;
+        int n = SSL_do_handshake(ssl->ssl);
+        switch (SSL_get_error(ssl->ssl, n)) {
+        case SSL_ERROR_NONE:
+                return 1;
+        case SSL_ERROR_WANT_READ:
+        case SSL_ERROR_WANT_WRITE:
+                return 0;
+        default:
+                report(ssl, "SSL handshake error [%s] %s\n");
+                return -1;
+        }
+}
+
+bool SSLTransport_wantsWrite(SSL_T ssl) {
+        assert(ssl && ssl->ssl);
+        return SSL_want_write(ssl->ssl);
+}
+
+bool SSLTransport_buffered(SSL_T ssl) {
+        assert(ssl && ssl->ssl);
+        return SSL_has_pending(ssl->ssl);
+}
+
+int64_t SSLTransport_started(SSL_T ssl) {
+        assert(ssl);
+        return ssl->started;
 }
 
 struct ssl_st* SSLTransport_native(SSL_T ssl) {

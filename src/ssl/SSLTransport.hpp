@@ -5,6 +5,8 @@
 // a request) does not wait even on a blocking connection.
 #pragma once
 
+#include <stdint.h>
+
 #include <vesk/InetAddress.h>
 #include <vesk/SSL.h>
 
@@ -20,6 +22,21 @@ int SSLTransport_write(SSL_T ssl, const void* buffer, int size, int timeout);
 
 // Whether the handshake has yet to finish.
 bool SSLTransport_handshaking(SSL_T ssl);
+
+// Takes the handshake as far as the socket allows without waiting: 1 when it is done, 0
+// when it waits for the socket (SSLTransport_wantsWrite tells which way), -1 when it
+// failed (logged in debug mode only).
+int SSLTransport_handshake(SSL_T ssl);
+
+// Whether the last step waits for the socket to take bytes rather than to bring them.
+bool SSLTransport_wantsWrite(SSL_T ssl);
+
+// Whether bytes already read from the socket wait inside the TLS layer, so that the
+// socket may never signal them.
+bool SSLTransport_buffered(SSL_T ssl);
+
+// Time_milli when the handshake began.
+int64_t SSLTransport_started(SSL_T ssl);
 
 // The library's own connection object, for checks that look below this layer.
 struct ssl_st* SSLTransport_native(SSL_T ssl);

@@ -323,9 +323,10 @@ TEST_F(BuildTest, RealmFaults) {
         EXPECT_EQ(parse(inEngine("<Realm url=\"no url\"/>\n")),
                   at("Invalid URL 'no url' in <Realm>", 5));
         EXPECT_EQ(parse(inEngine("<Realm/>\n")), at("Invalid URL '' in <Realm>", 5));
-        // No database library is linked in, so no protocol is served.
+        EXPECT_EQ(parse(inEngine("<Realm url=\"mysql://db/users\"/>\n")),
+                  at("Database protocol 'mysql' not supported in <Realm>", 5));
         EXPECT_EQ(parse(inEngine("<Realm url=\"sqlite:///data/users.db\"/>\n")),
-                  at("Database protocol 'sqlite' not supported in <Realm>", 5));
+                  at("Realm database '" + home.path() + "/data/users.db' does not exist", 5));
 }
 
 TEST_F(BuildTest, AMissingControlFileFailsAtLineZero) {

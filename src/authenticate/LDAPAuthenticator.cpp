@@ -1,0 +1,5 @@
+#include "authenticate/Authenticators.hpp"
+
+int LDAPAuthenticator_authenticate(void) {
+        return false;
+}

@@ -1,0 +1,5 @@
+#include "authenticate/Authenticators.hpp"
+
+int SSLAuthenticator_authenticate(void) {
+        return false;
+}
