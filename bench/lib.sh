@@ -4,7 +4,8 @@
 #   bench_prepare         installs wrk, nginx and curl when missing, builds the release tree,
 #                         makes the work directory $work and removes it (and the servers) on exit
 #   vesk_home             copies the example home to $work/home, its connectors on free ports
-#                         ($vesk_port, and $vesk_tls_port for HTTPS) and without the access log
+#                         ($vesk_port, and $vesk_tls_port for HTTPS) and without the access log;
+#                         METRICS=off removes its metrics endpoint, and the counting with it
 #   vesk_start            starts the server on $work/home ($vesk_pid) and waits for it
 #   nginx_start ROOT WORKERS [DIRECTIVES] [LISTEN]
 #                         starts nginx on ROOT on a free port ($nginx_port, $nginx_pid), without
@@ -83,6 +84,7 @@ vesk_home() {
         cp -r build/bench/examples/home "$work/home"
         sed -i -e "s/port=\"8080\"/port=\"$vesk_port\"/" -e "s/port=\"8443\"/port=\"$vesk_tls_port\"/" \
                 -e '/<Accesslogger/d' "$work/home/conf/server.xml"
+        [ "${METRICS:-on}" = off ] && sed -i '/<Metrics/d' "$work/home/conf/server.xml"
         sh scripts/example-cert.sh "$work/home" >/dev/null
 }
 

@@ -9,6 +9,8 @@ postgresql libgtest-dev cmake g++ make pkg-config"
 packages="$packages openssl curl sslscan"
 # The example home's database set-up, and the browser test's browser.
 packages="$packages sqlite3 chromium"
+# The metrics test's exposition checker (promtool).
+packages="$packages prometheus"
 # The browser test runs on Node.js and npm: the machine's own if it has them (they need not
 # come from Debian), else Debian's.
 if ! { node --version && npm --version; } >/dev/null 2>&1; then

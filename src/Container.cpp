@@ -16,6 +16,7 @@
 #include <vesk/Exception.h>
 #include <vesk/File.h>
 #include <vesk/Logger.h>
+#include <vesk/Metrics.h>
 #include <vesk/Mem.h>
 #include <vesk/OS.h>
 #include <vesk/Reactor.h>
@@ -318,8 +319,10 @@ void Container_start(Container_T C) {
                 }
                 Build_start(C->B);
                 CrashGuard_uninstall();
+                Metrics_reset();
         ELSE
                 CrashGuard_uninstall();
+                Metrics_reset();
                 // A server that never came up, or went down on an error, leaves no pid
                 // file behind to be taken for a running one.
                 if (pidFileWritten)

@@ -39,6 +39,7 @@
 #include <vesk/Cache.h>
 #include <vesk/OS.h>
 #include <vesk/CrashGuard.h>
+#include <vesk/Metrics.h>
 #include <vesk/Logger.h>
 #include <vesk/Command.h>
 #include <vesk/Process.h>

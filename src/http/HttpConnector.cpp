@@ -18,6 +18,7 @@
 #include <vesk/Host.h>
 #include <vesk/Build.h>
 #include <vesk/HttpConnector.h>
+#include <vesk/Metrics.h>
 #include <vesk/HttpLexer.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
@@ -763,6 +764,7 @@ void Processor_Thread(void* item) {
         InetAddress_T inet = HttpRequest_getInetAddress(req);
         Context_T context = HttpRequest_getContext(req);
         HttpResponse_T response = HttpRequest_getResponse(req);
+        long long started = Metrics_begin();
         // Whatever happened, the connection goes back to the Reactor thread: a raise from
         // the error page or the finalizing itself is logged, and what is buffered goes out.
         TRY
@@ -773,6 +775,7 @@ void Processor_Thread(void* item) {
                                  Exception_frame.func, Exception_frame.file, Exception_frame.line,
                                  HttpRequest_getRequestURI(req));
         END_TRY;
+        Metrics_end(req, response, started);
         ssize_t n;
         do
                 n = write(H->responsePipe[1], &inet, sizeof inet);

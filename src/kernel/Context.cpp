@@ -13,6 +13,7 @@
 #include <vesk/File.h>
 #include <vesk/Host.h>
 #include <vesk/Loader.h>
+#include <vesk/Metrics.h>
 #include <vesk/Mem.h>
 #include <vesk/ServerPageServlet.h>
 #include <vesk/ServletContext.h>
@@ -260,6 +261,10 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
         assert(C);
         assert(req);
         assert(res);
+        if (Metrics_isEndpoint(req)) {
+                Metrics_serve(req, res);
+                return 0;
+        }
         Wrapper_T wrapper = Context_map(C, req, res);
         int answered = Authenticator_invoke(req, res);
         if (answered)

@@ -13,6 +13,7 @@
 #include <vesk/Context.h>
 #include <vesk/Engine.h>
 #include <vesk/Error.h>
+#include <vesk/Metrics.h>
 #include <vesk/Exception.h>
 #include <vesk/File.h>
 #include <vesk/FileCache.h>
@@ -268,6 +269,16 @@ void startErrorLogger(const char** attributes, ParseState* a) {
         makeFilePath("Errorlogger", path, XMLParser_getAttribute("directory", attributes),
                      XMLParser_getAttribute("fileName", attributes), a);
         Error_init(path);
+}
+
+// <Metrics path="/metrics" allow="127.0.0.1 ::1" port="8080"/>: the endpoint, the
+// clients it answers, and the one connector's port it answers on (all when absent).
+void startMetrics(const char** attributes, ParseState*) {
+        const char* path = XMLParser_getAttribute("path", attributes);
+        const char* port = XMLParser_getAttribute("port", attributes);
+        Metrics_configure(path ? path : "/metrics", XMLParser_getAttribute("allow", attributes),
+                          port ? static_cast<int>(checkNumberAttribute("Metrics", "port", port))
+                               : 0);
 }
 
 int poolSize(const char** attributes, const char* name, int standard) {
@@ -540,6 +551,7 @@ constexpr Opening kOpenings[] = {
     {kService, "Connector", startConnector, kService},
     {kService, "Engine", startEngine, kEngine},
     {kEngine, "Errorlogger", startErrorLogger, kEngine},
+    {kEngine, "Metrics", startMetrics, kEngine},
     {kEngine, "Realm", startRealm, kEngine},
     {kEngine, "Host", startHost, kHost},
     {kHost, "Accesslogger", startAccessLogger, kHost},
@@ -559,6 +571,7 @@ constexpr Closing kClosings[] = {
     {kService, "Engine", nullptr, kService},
     {kEngine, "Engine", nullptr, kService},
     {kEngine, "Errorlogger", nullptr, kEngine},
+    {kEngine, "Metrics", nullptr, kEngine},
     {kEngine, "Realm", nullptr, kEngine},
     {kEngine, "Host", nullptr, kEngine},
     {kHost, "Host", endHost, kEngine},

@@ -1,0 +1,347 @@
+#include <pthread.h>
+#include <stdio.h>
+#include <stdint.h>
+#include <string.h>
+#include <time.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <vesk/Container.h>
+#include <vesk/Context.h>
+#include <vesk/Exception.h>
+#include <vesk/FileCache.h>
+#include <vesk/Host.h>
+#include <vesk/Mem.h>
+#include <vesk/Metrics.h>
+#include <vesk/OutputStream.h>
+#include <vesk/ServletConfig.h>
+#include <vesk/Str.h>
+#include <vesk/assert.h>
+
+#include "thread/Lock.hpp"
+
+namespace {
+
+constexpr const char* kMethods[] = {"GET", "POST", "HEAD", "PUT", "DELETE", "TRACE", "OPTIONS",
+                                    "other"};
+constexpr int kMethodCount = sizeof kMethods / sizeof *kMethods;
+constexpr int kClassCount = 5;  // 1xx to 5xx
+// Upper bounds of the latency buckets, in seconds; the last bucket is +Inf.
+constexpr double kBounds[] = {0.0005, 0.001, 0.0025, 0.005, 0.01, 0.025, 0.05,
+                              0.1,    0.25,  0.5,    1,     2.5,   5,     10};
+constexpr int kBucketCount = sizeof kBounds / sizeof *kBounds + 1;
+
+using Counter = std::atomic<uint64_t>;
+
+// What one servlet of one context has served. Created once, never freed while counting.
+struct Series {
+        Context_T context;
+        std::string servlet, host, contextPath;
+        Counter requests[kMethodCount][kClassCount] = {};
+        Counter buckets[kBucketCount] = {};
+        Counter nanoseconds{0};
+};
+
+// Open addressing on the context and servlet name, slots filled once by compare-and-swap:
+// readers never lock. A full table folds new series into the last one made.
+constexpr size_t kSlots = 1024;
+std::atomic<Series*> slots[kSlots];
+pthread_mutex_t creating = PTHREAD_MUTEX_INITIALIZER;
+std::vector<std::unique_ptr<Series>> all;  // owned here, guarded by creating
+
+std::atomic<bool> enabled{false};
+std::string endpoint;
+std::vector<std::string> allowed;
+int endpointPort = 0;
+time_t startTime = 0;
+Counter bytesIn{0}, bytesOut{0};
+std::atomic<int64_t> busy{0};
+
+long long nowNanoseconds() {
+        struct timespec t;
+        clock_gettime(CLOCK_MONOTONIC, &t);
+        return static_cast<long long>(t.tv_sec) * 1000000000LL + t.tv_nsec;
+}
+
+size_t hashOf(Context_T context, const char* servlet) {
+        size_t h = reinterpret_cast<uintptr_t>(context) * 0x9e3779b97f4a7c15ULL;
+        for (const char* p = servlet; *p; p++)
+                h = (h ^ static_cast<unsigned char>(*p)) * 0x100000001b3ULL;
+        return h;
+}
+
+Series* make(Context_T context, const char* servlet) {
+        auto s = std::make_unique<Series>();
+        s->context = context;
+        s->servlet = servlet;
+        if (context) {
+                const char* path = Context_getContextPath(context);
+                s->contextPath = path && *path ? path : "/";
+                Host_T host = Context_getHost(context);
+                s->host = host && Host_getName(host) ? Host_getName(host) : "";
+        }
+        all.push_back(std::move(s));
+        return all.back().get();
+}
+
+Series* seriesFor(Context_T context, const char* servlet) {
+        size_t start = hashOf(context, servlet) % kSlots;
+        for (size_t i = 0; i < kSlots; i++) {
+                std::atomic<Series*>& slot = slots[(start + i) % kSlots];
+                Series* s = slot.load(std::memory_order_acquire);
+                if (!s) {
+                        vesk::Lock lock(creating);
+                        s = slot.load(std::memory_order_acquire);
+                        if (!s) {
+                                s = make(context, servlet);
+                                slot.store(s, std::memory_order_release);
+                                return s;
+                        }
+                }
+                if (s->context == context && s->servlet == servlet)
+                        return s;
+        }
+        vesk::Lock lock(creating);
+        return all.back().get();
+}
+
+int methodIndex(HttpRequest_T req) {
+        int m = HttpRequest_method(req);
+        return m >= HttpRequest_GET && m <= HttpRequest_OPTIONS ? m : kMethodCount - 1;
+}
+
+// A label value with backslash, quote and newline escaped.
+std::string label(const std::string& value) {
+        std::string out;
+        for (char c : value) {
+                if (c == '\\' || c == '"')
+                        out += '\\';
+                if (c == '\n') {
+                        out += "\\n";
+                        continue;
+                }
+                out += c;
+        }
+        return out;
+}
+
+void family(std::string& out, const char* name, const char* type, const char* help) {
+        out += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+}
+
+// Through snprintf: std::to_string's template statics would leave the library's symbol table.
+std::string decimal(long long n) {
+        char buffer[32];
+        snprintf(buffer, sizeof buffer, "%lld", n);
+        return buffer;
+}
+
+std::string decimal(uint64_t n) {
+        char buffer[32];
+        snprintf(buffer, sizeof buffer, "%llu", static_cast<unsigned long long>(n));
+        return buffer;
+}
+
+std::string decimal(int n) {
+        return decimal(static_cast<long long>(n));
+}
+
+std::string number(double v) {
+        char buffer[64];
+        snprintf(buffer, sizeof buffer, "%.17g", v);
+        return buffer;
+}
+
+}  // namespace
+
+void Metrics_configure(const char* path, const char* allow, int port) {
+        if (!path || *path != '/')
+                THROW(AssertException, "The metrics path '%s' does not start with '/'",
+                      path ? path : "");
+        std::vector<std::string> addresses;
+        std::string current;
+        for (const char* p = allow ? allow : "";; p++) {
+                if (*p == 0 || *p == ' ' || *p == ',' || *p == '\t' || *p == '\n') {
+                        if (!current.empty())
+                                addresses.push_back(current);
+                        current.clear();
+                        if (*p == 0)
+                                break;
+                } else {
+                        current += *p;
+                }
+        }
+        if (addresses.empty())
+                THROW(AssertException, "The <Metrics> element allows no address -- set allow");
+        if (port < 0 || port > 65535)
+                THROW(AssertException, "Invalid metrics port %d", port);
+        endpoint = path;
+        allowed = addresses;
+        endpointPort = port;
+        startTime = time(nullptr);
+        enabled.store(true, std::memory_order_release);
+}
+
+void Metrics_reset(void) {
+        enabled.store(false, std::memory_order_release);
+        vesk::Lock lock(creating);
+        for (std::atomic<Series*>& slot : slots)
+                slot.store(nullptr, std::memory_order_relaxed);
+        all.clear();
+        bytesIn = 0;
+        bytesOut = 0;
+        busy = 0;
+}
+
+int Metrics_isEnabled(void) {
+        return enabled.load(std::memory_order_relaxed);
+}
+
+long long Metrics_begin(void) {
+        if (!enabled.load(std::memory_order_relaxed))
+                return 0;
+        busy.fetch_add(1, std::memory_order_relaxed);
+        return nowNanoseconds();
+}
+
+void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started) {
+        if (!started)
+                return;
+        assert(req);
+        assert(res);
+        long long elapsed = nowNanoseconds() - started;
+        busy.fetch_sub(1, std::memory_order_relaxed);
+        ServletConfig_T config = HttpRequest_getServletConfig(req);
+        const char* servlet = config ? ServletConfig_getServletName(config) : nullptr;
+        Series* s = seriesFor(HttpRequest_getContext(req), servlet ? servlet : "");
+        int status = HttpResponse_getStatus(res) / 100;
+        if (status < 1 || status > kClassCount)
+                status = kClassCount;
+        s->requests[methodIndex(req)][status - 1].fetch_add(1, std::memory_order_relaxed);
+        double seconds = static_cast<double>(elapsed) / 1e9;
+        int bucket = 0;
+        while (bucket < kBucketCount - 1 && seconds > kBounds[bucket])
+                bucket++;
+        s->buckets[bucket].fetch_add(1, std::memory_order_relaxed);
+        s->nanoseconds.fetch_add(static_cast<uint64_t>(elapsed), std::memory_order_relaxed);
+        int in = HttpRequest_getContentLength(req);
+        if (in > 0)
+                bytesIn.fetch_add(static_cast<uint64_t>(in), std::memory_order_relaxed);
+        long long out = HttpResponse_getBytesWritten(res);
+        if (out > 0)
+                bytesOut.fetch_add(static_cast<uint64_t>(out), std::memory_order_relaxed);
+}
+
+int Metrics_isEndpoint(HttpRequest_T req) {
+        if (!enabled.load(std::memory_order_relaxed))
+                return false;
+        const char* uri = HttpRequest_getRequestURI(req);
+        return uri && endpoint == uri &&
+               (endpointPort == 0 || HttpRequest_getLocalPort(req) == endpointPort);
+}
+
+void Metrics_serve(HttpRequest_T req, HttpResponse_T res) {
+        assert(req);
+        assert(res);
+        const char* client = HttpRequest_getRemoteAddr(req);
+        bool allowedClient = false;
+        for (const std::string& a : allowed)
+                allowedClient = allowedClient || (client && a == client);
+        if (!allowedClient) {
+                HttpResponse_sendError(res, 403, "Metrics are not served to this address");
+                return;
+        }
+        if (HttpRequest_method(req) != HttpRequest_GET &&
+            HttpRequest_method(req) != HttpRequest_HEAD) {
+                HttpResponse_setHeader(res, "Allow", "GET, HEAD");
+                HttpResponse_sendError(res, 405, "Method: %s not allowed for this URL",
+                                       HttpRequest_getMethod(req));
+                return;
+        }
+        char* text = Metrics_text();
+        HttpResponse_setContentType(res, "text/plain; version=0.0.4; charset=utf-8");
+        HttpResponse_setHeader(res, "Cache-Control", "no-store");
+        OutputStream_write(HttpResponse_getOutputStream(res), text, static_cast<int>(strlen(text)));
+        FREE(text);
+}
+
+char* Metrics_text(void) {
+        std::vector<Series*> series;
+        {
+                vesk::Lock lock(creating);
+                for (const auto& s : all)
+                        series.push_back(s.get());
+        }
+        std::string out;
+        family(out, "vesk_requests_total", "counter",
+               "Requests answered, by host, context, servlet, method and status class.");
+        for (Series* s : series) {
+                std::string where = "host=\"" + label(s->host) + "\",context=\"" +
+                                    label(s->contextPath) + "\",servlet=\"" + label(s->servlet) +
+                                    "\"";
+                for (int m = 0; m < kMethodCount; m++)
+                        for (int c = 0; c < kClassCount; c++) {
+                                uint64_t n = s->requests[m][c].load(std::memory_order_relaxed);
+                                if (n)
+                                        out += "vesk_requests_total{" + where + ",method=\"" +
+                                               kMethods[m] + "\",status=\"" +
+                                               decimal(c + 1) + "xx\"} " +
+                                               decimal(n) + "\n";
+                        }
+        }
+        family(out, "vesk_request_duration_seconds", "histogram",
+               "Time from the start of processing to the end of the response, by context and "
+               "servlet.");
+        for (Series* s : series) {
+                std::string where = "host=\"" + label(s->host) + "\",context=\"" +
+                                    label(s->contextPath) + "\",servlet=\"" + label(s->servlet) +
+                                    "\"";
+                uint64_t cumulative = 0;
+                for (int b = 0; b < kBucketCount; b++) {
+                        cumulative += s->buckets[b].load(std::memory_order_relaxed);
+                        out += "vesk_request_duration_seconds_bucket{" + where + ",le=\"" +
+                               (b < kBucketCount - 1 ? number(kBounds[b]) : "+Inf") + "\"} " +
+                               decimal(cumulative) + "\n";
+                }
+                out += "vesk_request_duration_seconds_sum{" + where + "} " +
+                       number(static_cast<double>(s->nanoseconds.load()) / 1e9) + "\n";
+                out += "vesk_request_duration_seconds_count{" + where + "} " +
+                       decimal(cumulative) + "\n";
+        }
+        family(out, "vesk_request_body_bytes_total", "counter", "Request body bytes received.");
+        out += "vesk_request_body_bytes_total " + decimal(bytesIn.load()) + "\n";
+        family(out, "vesk_response_bytes_total", "counter", "Response bytes sent.");
+        out += "vesk_response_bytes_total " + decimal(bytesOut.load()) + "\n";
+        family(out, "vesk_processor_threads_busy", "gauge",
+               "Processor threads serving a request now.");
+        out += "vesk_processor_threads_busy " + decimal(static_cast<long long>(busy.load())) + "\n";
+        FileCache_T cache = FileCache_getInstance();
+        family(out, "vesk_file_cache_entries", "gauge", "Files held in the file cache.");
+        out += "vesk_file_cache_entries " + decimal(FileCache_files(cache)) + "\n";
+        family(out, "vesk_file_cache_bytes", "gauge", "Bytes held in the file cache.");
+        out += "vesk_file_cache_bytes " + decimal(static_cast<long long>(FileCache_size(cache))) + "\n";
+        family(out, "vesk_sessions_active", "gauge", "Sessions alive, by context.");
+        std::vector<Context_T> contexts;
+        for (Series* s : series) {
+                if (!s->context)
+                        continue;
+                bool seen = false;
+                for (Context_T c : contexts)
+                        seen = seen || c == s->context;
+                if (seen)
+                        continue;
+                contexts.push_back(s->context);
+                out += "vesk_sessions_active{host=\"" + label(s->host) + "\",context=\"" +
+                       label(s->contextPath) + "\"} " +
+                       decimal(Context_getActiveSessions(s->context)) + "\n";
+        }
+        family(out, "vesk_start_time_seconds", "gauge", "When the server started, in Unix time.");
+        out += "vesk_start_time_seconds " + decimal(static_cast<long long>(startTime)) + "\n";
+        family(out, "vesk_build_info", "gauge", "The server's name and version.");
+        out += std::string("vesk_build_info{name=\"") + label(Container_Name) + "\",version=\"" +
+               label(Container_Version) + "\"} 1\n";
+        return Str_dup(out.c_str());
+}
