@@ -29,6 +29,8 @@ VESK_API int Metrics_isEnabled(void);
 VESK_API long long Metrics_begin(void);
 /* Counts req, answered by res, started at started (from Metrics_begin). */
 VESK_API void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started);
+/* Counts connections opened (delta 1) and closed (delta -1). */
+VESK_API void Metrics_connections(int delta);
 /* Whether req asks for the endpoint. */
 VESK_API int Metrics_isEndpoint(HttpRequest_T req);
 /* Answers req with the exposition, or 403 for a client not allowed. */

@@ -126,6 +126,7 @@ void closeConnection(InetAddress_T inet, bool reset) {
         HttpConnector_T H = InetAddress_getConnector(inet);
         if (H) {
                 H->connections--;
+                Metrics_connections(-1);
                 int fd = InetAddress_getSocket(inet);
                 if (fd >= 0 && fd < H->openSize && H->open[fd].inet == inet)
                         H->open[fd] = {};
@@ -325,6 +326,7 @@ bool admit(HttpConnector_T H, InetAddress_T inet) {
         InetAddress_setConnector(inet, H);
         InetAddress_setKeepAliveRequests(inet, H->keepAliveRequests);
         H->connections++;
+        Metrics_connections(1);
         int fd = InetAddress_getSocket(inet);
         if (fd < H->openSize)
                 H->open[fd] = {inet, handler};

@@ -58,7 +58,7 @@ std::vector<std::string> allowed;
 int endpointPort = 0;
 time_t startTime = 0;
 Counter bytesIn{0}, bytesOut{0};
-std::atomic<int64_t> busy{0};
+std::atomic<int64_t> busy{0}, connections{0};
 
 long long nowNanoseconds() {
         struct timespec t;
@@ -235,6 +235,12 @@ void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started) {
                 bytesOut.fetch_add(static_cast<uint64_t>(out), std::memory_order_relaxed);
 }
 
+void Metrics_connections(int delta) {
+        // Counted whether on or off: a connection opened before the endpoint was configured
+        // still closes after.
+        connections.fetch_add(delta, std::memory_order_relaxed);
+}
+
 int Metrics_isEndpoint(HttpRequest_T req) {
         if (!enabled.load(std::memory_order_relaxed))
                 return false;
@@ -318,6 +324,8 @@ char* Metrics_text(void) {
         family(out, "vesk_processor_threads_busy", "gauge",
                "Processor threads serving a request now.");
         out += "vesk_processor_threads_busy " + decimal(static_cast<long long>(busy.load())) + "\n";
+        family(out, "vesk_connections_open", "gauge", "Client connections open now.");
+        out += "vesk_connections_open " + decimal(static_cast<long long>(connections.load())) + "\n";
         FileCache_T cache = FileCache_getInstance();
         family(out, "vesk_file_cache_entries", "gauge", "Files held in the file cache.");
         out += "vesk_file_cache_entries " + decimal(FileCache_files(cache)) + "\n";

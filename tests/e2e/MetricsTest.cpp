@@ -59,7 +59,11 @@ TEST(Metrics, CountersMoveByExactlyTheRequestsMadeAndBucketsAreCumulative) {
                       .status,
                   200);
         EXPECT_EQ(roundTrip(home.port, "GET /app/missing.html HTTP/1.0\r\n\r\n").status, 404);
+        // A connection held open, and the scrape's own.
+        int held = dial(home.port);
         std::string after = scrape(home);
+        close(held);
+        EXPECT_GE(sample(after, "vesk_connections_open"), 2);
         EXPECT_EQ(helloRequests(after, "GET") - helloRequests(before, "GET"), 3) << after;
         EXPECT_EQ(helloRequests(after, "POST") - helloRequests(before, "POST"), 1);
         EXPECT_NE(after.find("method=\"GET\",status=\"4xx\"}"), std::string::npos) << after;
