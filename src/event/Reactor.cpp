@@ -306,11 +306,15 @@ int Reactor_registerHandler(Reactor_T R, EventHandler_T handler, int events) {
         ev_io_stop(R->loop, &handler->io);
         ev_timer_stop(R->loop, &handler->timer);
         // A slot is reused for a new connection on the same descriptor number, so the
-        // backend is told to treat the descriptor as new once after each create. Telling it
-        // every time would cost a failing system call on each re-arm of a kept connection.
-        ev_io_init(&handler->io, io_adapter, handler->handle,
-                   events | (handler->fresh ? EV__IOFDSET : 0));
-        handler->fresh = 0;
+        // backend is told to treat the descriptor as new once after each create (ev_io_init
+        // does). Telling it on every re-arm of a kept connection would cost a failing
+        // system call each time.
+        if (handler->fresh || handler->io.fd != handler->handle) {
+                ev_io_init(&handler->io, io_adapter, handler->handle, events);
+                handler->fresh = 0;
+        } else {
+                ev_io_modify(&handler->io, events);
+        }
         ev_set_priority(&handler->io, handler->priority);
         ev_io_start(R->loop, &handler->io);
         if (handler->timeout > 0.0) {
