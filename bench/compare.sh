@@ -164,8 +164,8 @@ row() {
                 best = n + 0; if (l + 0 > best) best = l + 0; if (h + 0 > best) best = h + 0
                 printf "%-20s %5d %10s %6s %10s %6s %10s %6s %10s %6s %7s %7s\n", label, c,
                         v, vp, n, np, l, lp, h, hp,
-                        best > 0 ? sprintf("%.2f", v / best) : "-",
-                        n > 0 ? sprintf("%.2f", v / n) : "-"
+                        (best > 0 ? sprintf("%.2f", v / best) : "-"),
+                        (n > 0 ? sprintf("%.2f", v / n) : "-")
         }'
 }
 
