@@ -25,6 +25,7 @@ struct EventHandler_S {
         int state;
         void* data;
         int handle;
+        int fresh;  // the descriptor may be new to the backend: told so at the next register
         int priority;
         void (*handle_event)(EventHandler_T handler, int events);
 };
@@ -292,6 +293,7 @@ EventHandler_T Reactor_createHandler(Reactor_T R, int handle) {
         h->handle_event = nullptr;
         h->timeout = -1.0;
         h->handle = handle;
+        h->fresh = 1;
         return h;
 }
 
@@ -304,8 +306,15 @@ int Reactor_registerHandler(Reactor_T R, EventHandler_T handler, int events) {
         ev_io_stop(R->loop, &handler->io);
         ev_timer_stop(R->loop, &handler->timer);
         // A slot is reused for a new connection on the same descriptor number, so the
-        // backend is told each time to treat the descriptor as new.
-        ev_io_init(&handler->io, io_adapter, handler->handle, events | EV__IOFDSET);
+        // backend is told to treat the descriptor as new once after each create (ev_io_init
+        // does). Telling it on every re-arm of a kept connection would cost a failing
+        // system call each time.
+        if (handler->fresh || handler->io.fd != handler->handle) {
+                ev_io_init(&handler->io, io_adapter, handler->handle, events);
+                handler->fresh = 0;
+        } else {
+                ev_io_modify(&handler->io, events);
+        }
         ev_set_priority(&handler->io, handler->priority);
         ev_io_start(R->loop, &handler->io);
         if (handler->timeout > 0.0) {

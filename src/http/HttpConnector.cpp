@@ -270,13 +270,37 @@ void _sendError(InetAddress_T inet, int status, const char* format, ...) {
         linger(inet);
 }
 
-// Hands a complete request to a processor thread; the connection has no watcher until the
-// answer comes back through the pipe.
-void dispatch(HttpConnector_T H, InetAddress_T inet, HttpRequest_T request) {
-        if (Dispatcher_add(H->dispatcher, request))
-                H->busy++;
-        else
+void _awaitAnswer(EventHandler_T handler, int revents);
+
+// Hands a complete request to a processor thread. The connection's watcher stays armed for
+// reading meanwhile, with no timeout, so that the event loop tells the kernel nothing for
+// the connection until its answer is out and it is re-armed for the next head.
+void dispatch(HttpConnector_T H, EventHandler_T handler, InetAddress_T inet,
+              HttpRequest_T request) {
+        if (!Dispatcher_add(H->dispatcher, request)) {
                 _sendError(inet, 500, "Could not add request to Dispatcher");
+                return;
+        }
+        H->busy++;
+        EventHandler_setData(handler, inet);
+        EventHandler_setHandler(handler, _awaitAnswer);
+        EventHandler_setTimeout(handler, 0);
+        Reactor_registerHandler(H->reactor, handler, Reactor_Read);
+}
+
+// The client sent more, or closed, while its request is processed: nothing is read before
+// the answer is out, so the watcher stands down until then.
+void _awaitAnswer(EventHandler_T handler, int revents) {
+        (void)handler;
+        (void)revents;
+}
+
+// The watcher of a connection that was armed while its request was processed.
+EventHandler_T watcherOf(HttpConnector_T H, InetAddress_T inet) {
+        int fd = InetAddress_getSocket(inet);
+        if (fd >= 0 && fd < H->openSize && H->open[fd].inet == inet)
+                return H->open[fd].handler;
+        return nullptr;
 }
 
 // A dispatched request is over: its answer went out, or its connection is ending. A stop
@@ -605,7 +629,7 @@ void _readRequest(EventHandler_T handler, int revents) {
                 _skipBody(handler, Reactor_Read);
                 return;
         }
-        dispatch(H, inet, request);
+        dispatch(H, handler, inet, request);
 }
 
 void _handlePostData(EventHandler_T handler, int revents) {
@@ -660,7 +684,7 @@ void _handlePostData(EventHandler_T handler, int revents) {
                 if (uploaded >= length) {
                         HttpStore_close(store);
                         HttpRequest_setStore(request, store);
-                        dispatch(H, inet, request);
+                        dispatch(H, handler, inet, request);
                         return;
                 }
                 if (length > uploaded + InputStream_buffered(in)) {
@@ -714,7 +738,7 @@ void _skipBody(EventHandler_T handler, int revents) {
                 EventHandler_setState(handler, skipped);
                 if (skipped >= length) {
                         EventHandler_setState(handler, 0);
-                        dispatch(H, inet, request);
+                        dispatch(H, handler, inet, request);
                         return;
                 }
                 if (n < want) {
@@ -802,7 +826,13 @@ void _processResponse(EventHandler_T handler, int revents) {
                 Error_debug("Failed reading from Response Pipe\n");
                 return;
         }
-        EventHandler_T writer = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
+        // Disarmed and armed again in this callback, the watcher costs the loop no call
+        // to the kernel, as long as the answer goes out at once.
+        EventHandler_T writer = watcherOf(H, inet);
+        if (writer)
+                Reactor_removeHandler(H->reactor, writer);
+        else
+                writer = Reactor_createHandler(H->reactor, InetAddress_getSocket(inet));
         if (!writer) {
                 settle(H);
                 _sendError(inet, 500, "Could not create a new write handler");
@@ -962,6 +992,8 @@ void drainResponsePipe(HttpConnector_T H) {
                 HttpRequest_T request = InetAddress_getRequest(inet);
                 if (request)
                         HttpRequest_end(request);
+                if (EventHandler_T handler = watcherOf(H, inet))
+                        Reactor_removeHandler(H->reactor, handler);
                 closeConnection(inet, true);
         }
 }

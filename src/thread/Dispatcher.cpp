@@ -3,6 +3,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <atomic>
+
 #include <vesk/Dispatcher.h>
 #include <vesk/Error.h>
 #include <vesk/List.h>
@@ -16,6 +18,9 @@
 // failure that would otherwise raise on a worker thread, where no block waits for it.
 struct Dispatcher_S {
         int idle;
+        // Threads back from an item and about to look at the queue again: they take what
+        // is there without being woken. Raised without the lock, lowered under it.
+        std::atomic<int> returning;
         int stopped;
         int threads;
         int timeout;
@@ -52,6 +57,7 @@ void* server(void* arg) {
         if (!lock)
                 return nullptr;
         bool timedOut = false;
+        bool returned = false;
         for (;;) {
                 bool foundByTimedOutWait = false;
                 while (List_length(D->queue) == 0) {
@@ -77,6 +83,8 @@ void* server(void* arg) {
                         }
                 }
                 while (List_length(D->queue) > 0) {
+                        D->returning.fetch_sub(returned ? 1 : 0, std::memory_order_relaxed);
+                        returned = false;
                         if (!foundByTimedOutWait)
                                 timedOut = false;
                         foundByTimedOutWait = false;
@@ -86,9 +94,13 @@ void* server(void* arg) {
                                 return nullptr;
                         }
                         D->engine(item);
+                        D->returning.fetch_add(1, std::memory_order_relaxed);
+                        returned = true;
                         if (!lock.lock())
                                 return nullptr;
                 }
+                D->returning.fetch_sub(returned ? 1 : 0, std::memory_order_relaxed);
+                returned = false;
                 if (D->stopped)
                         return shutDown(D);
                 // Idle too long: even one last item served does not renew the thread.
@@ -162,7 +174,14 @@ int Dispatcher_add(Dispatcher_T D, void* data) {
         if (!lock)
                 return 0;
         List_append(D->queue, data);
-        if (D->idle >= List_length(D->queue)) {
+        int pending = List_length(D->queue);
+        // A thread on its way back to the queue takes the item without a wake-up.
+        if (pending <= D->returning.load(std::memory_order_relaxed))
+                return 1;
+        if (D->idle >= pending) {
+                // Signalled after the lock is given up, so that the woken thread does not
+                // block at once on the mutex this thread still holds.
+                lock.unlock();
                 int status = pthread_cond_signal(&D->cond);
                 if (status != 0)
                         Error_error("Dispatcher: Condition signal error -- %s\n",
