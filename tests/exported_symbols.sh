@@ -1,9 +1,11 @@
 #!/bin/sh
-# Checks that the library's dynamic symbol table holds exactly the names that the
-# public headers mark for export: no C++ internals, no helpers, nothing missing.
+# Checks that a library's dynamic symbol table holds exactly the names that its public
+# headers mark for export: no C++ internals, no helpers, nothing missing.
+#   exported_symbols.sh LIBRARY HEADER-DIRECTORY [EXPORT-MACRO, default VESK_API]
 set -eu
 lib=$1
 headers=$2
+macro=${3:-VESK_API}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -13,7 +15,7 @@ nm -D --defined-only "$lib" | awk 'NF == 3 && $2 ~ /^[A-Za-z]$/ && $3 !~ /^__odr
 
 # The declared name is the last identifier before the first "(" (functions) or the ";" (variables);
 # "(name)(" and "(*name)(" are unwrapped first.
-cat "$headers"/*.h | grep '^VESK_API' |
+cat "$headers"/*.h | grep "^$macro" |
         sed -E 's/\(\*?([A-Za-z_][A-Za-z0-9_]*)\)\(/ \1(/' |
         awk '{ line = $0; p = index(line, "("); if (p == 0) p = index(line, ";");
                head = substr(line, 1, p - 1); n = split(head, w, /[^A-Za-z0-9_]+/);
