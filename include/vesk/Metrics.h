@@ -34,6 +34,8 @@ VESK_API int Metrics_isEnabled(void);
 VESK_API long long Metrics_begin(void);
 /* Counts req, answered by res, started at started (from Metrics_begin). */
 VESK_API void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started);
+/* Counts the body bytes of res, which has gone out in full. */
+VESK_API void Metrics_responseSent(HttpResponse_T res);
 /* Counts connections opened (delta 1) and closed (delta -1). */
 VESK_API void Metrics_connections(int delta);
 /* Counts kept-alive connections that begin (delta 1) or end (delta -1) waiting for their

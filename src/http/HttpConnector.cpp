@@ -938,6 +938,7 @@ void s_endResponse(EventHandler_T handler, int revents) {
         Logger_T log = Host_getAccessLogger(Context_getHost(HttpResponse_getContext(response)));
         if (log)
                 accessLog(log, inet, request, response);
+        Metrics_responseSent(response);
         HttpRequest_end(request);
         if (!HttpResponse_getKeepAlive(response) || H->draining) {
                 if (unreadInput(inet, request))

@@ -295,6 +295,12 @@ void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started) {
         int in = HttpRequest_getContentLength(req);
         if (in > 0)
                 bytesIn.fetch_add(static_cast<uint64_t>(in), std::memory_order_relaxed);
+}
+
+void Metrics_responseSent(HttpResponse_T res) {
+        if (!enabled.load(std::memory_order_relaxed))
+                return;
+        assert(res);
         long long out = HttpResponse_getBytesWritten(res);
         if (out > 0)
                 bytesOut.fetch_add(static_cast<uint64_t>(out), std::memory_order_relaxed);
@@ -413,7 +419,8 @@ char* Metrics_text(void) {
         }
         single(out, "vesk_request_body_bytes_total", "counter", "Request body bytes received.",
                decimal(bytesIn.load()));
-        single(out, "vesk_response_bytes_total", "counter", "Response bytes sent.",
+        single(out, "vesk_response_bytes_total", "counter",
+               "Response body bytes sent, counted once a response has gone out in full.",
                decimal(bytesOut.load()));
         single(out, "vesk_processor_threads_busy", "gauge",
                "Processor threads serving a request now.",
