@@ -1,6 +1,7 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <stdint.h>
+#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
@@ -202,9 +203,15 @@ std::string decimal(int n) {
         return decimal(static_cast<long long>(n));
 }
 
+// The shortest text that reads back as v: a bucket's bound reads "0.0005", not
+// "0.00050000000000000001".
 std::string number(double v) {
         char buffer[64];
-        snprintf(buffer, sizeof buffer, "%.17g", v);
+        for (int digits = 1; digits <= 17; digits++) {
+                snprintf(buffer, sizeof buffer, "%.*g", digits, v);
+                if (strtod(buffer, nullptr) == v)
+                        break;
+        }
         return buffer;
 }
 

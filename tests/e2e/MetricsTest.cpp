@@ -97,6 +97,8 @@ TEST(Metrics, CountersMoveByExactlyTheRequestsMadeAndBucketsAreCumulative) {
                 buckets++;
         }
         EXPECT_GT(buckets, 2);
+        // Bounds as an operator writes them in a query.
+        EXPECT_NE(after.find(prefix + "0.0005\"} "), std::string::npos) << after;
         EXPECT_EQ(last, 4);
         EXPECT_EQ(sample(after, "vesk_request_duration_seconds_count{" + kHello + "}"), 4);
         EXPECT_GT(sample(after, "vesk_start_time_seconds"), 0);
