@@ -31,6 +31,12 @@ struct CrashHome : Home {
         }
 };
 
+// The sanitizer's options of this process, with the fatal signals left to the program.
+std::string asanOptions() {
+        const char* own = getenv("ASAN_OPTIONS");
+        return std::string(own && *own ? own : "") + (own && *own ? ":" : "") + "handle_segv=0";
+}
+
 // The launcher in the foreground on home with the extra arguments; output in
 // logs/launcher.out. Stopped by SIGTERM when it goes.
 class Launcher {
@@ -50,7 +56,15 @@ public:
                 for (std::string& a : args)
                         argv.push_back(a.data());
                 argv.push_back(nullptr);
-                posix_spawn(&pid_, VESK_LAUNCHER, &actions, nullptr, argv.data(), environ);
+                // A sanitizer would take the fault for its own report: the server's guard
+                // is what is tested, so the sanitizer leaves SIGSEGV to it.
+                std::vector<std::string> variables = {"ASAN_OPTIONS=" + asanOptions()};
+                std::vector<char*> env = {variables[0].data()};
+                for (char** e = environ; *e; e++)
+                        if (strncmp(*e, "ASAN_OPTIONS=", 13) != 0)
+                                env.push_back(*e);
+                env.push_back(nullptr);
+                posix_spawn(&pid_, VESK_LAUNCHER, &actions, nullptr, argv.data(), env.data());
                 posix_spawn_file_actions_destroy(&actions);
         }
         ~Launcher() {
@@ -106,17 +120,7 @@ std::string crash(const Home& home, const std::string& uri = "/app/boom?id=7") {
         return got;
 }
 
-bool sanitized() {
-#if defined(__SANITIZE_ADDRESS__)
-        return true;
-#else
-        return false;
-#endif
-}
-
 TEST(CrashContainment, TheErrorLogNamesTheModuleAndTheRequestAndTheServerEndsByTheSignal) {
-        if (sanitized())
-                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
         CrashHome home;
         Launcher server(home, {});
         ASSERT_TRUE(eventually([&] { return serves(home); }));
@@ -148,8 +152,6 @@ TEST(CrashContainment, TheErrorLogNamesTheModuleAndTheRequestAndTheServerEndsByT
 }
 
 TEST(CrashContainment, ASupervisedServerComesBackAndDisablesAModuleThatCrashedThreeTimes) {
-        if (sanitized())
-                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
         CrashHome home;
         Launcher supervisor(home, {"-S"});
         ASSERT_TRUE(eventually([&] { return serves(home); }));
@@ -191,8 +193,6 @@ int count(const std::string& s, const std::string& text) {
 }
 
 TEST(CrashContainment, ASupervisorGivesUpOnAServerThatCrashedFiveTimesWithinAMinute) {
-        if (sanitized())
-                GTEST_SKIP() << "the sanitizer reports a NULL dereference itself";
         CrashHome home;
         Launcher supervisor(home, {"-S"});
         ASSERT_TRUE(eventually([&] { return serves(home); }));
