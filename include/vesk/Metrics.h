@@ -46,7 +46,7 @@ VESK_API void Metrics_idleConnections(int delta);
 VESK_API void Metrics_queued(int delta);
 /* Counts a FileCache lookup that found the form asked for mapped (hit 1) or not (hit 0). */
 VESK_API void Metrics_fileCacheLookup(int hit);
-/* Counts a response sent from map: a gzip form served when map is compressed. */
+/* Counts a response answered from map: a gzip form served when map is compressed. */
 VESK_API void Metrics_fileServed(FileMap_T map);
 /* Counts a TLS handshake on connector, completed (1) or failed (0). */
 VESK_API void Metrics_tlsHandshake(HttpConnector_T connector, int completed);
