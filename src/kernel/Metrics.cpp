@@ -72,12 +72,17 @@ std::string endpoint;
 std::vector<std::string> allowed;
 int endpointPort = 0;
 time_t startTime = 0;
-Counter bytesIn{0}, bytesOut{0};
-std::atomic<int64_t> busy{0}, connections{0};
-Counter fileCacheHits{0}, fileCacheMisses{0}, gzipServed{0};
-std::atomic<int64_t> queued{0};
-// Moved by the Reactor thread alone: kept off the cache lines that processor threads write.
-alignas(64) std::atomic<int64_t> idle{0};
+// What the Reactor thread counts and what the processor threads count lie on cache lines of
+// their own, so that counting on one side does not take the line from under the other.
+// The queue is the difference of requests handed to processor threads and those taken.
+struct alignas(64) ReactorSide {
+        std::atomic<int64_t> connections{0}, idle{0};
+        Counter bytesOut{0}, dispatched{0};
+} reactorSide;
+struct alignas(64) ProcessorSide {
+        std::atomic<int64_t> busy{0};
+        Counter bytesIn{0}, taken{0}, fileCacheHits{0}, fileCacheMisses{0}, gzipServed{0};
+} processorSide;
 
 long long nowNanoseconds() {
         struct timespec t;
@@ -244,8 +249,9 @@ void Metrics_configure(const char* path, const char* allow, int port) {
         startTime = time(nullptr);
         // Read before the connectors start: a gauge left over from an earlier run of the
         // server in this process starts again from nothing.
-        queued = 0;
-        idle = 0;
+        reactorSide.dispatched = 0;
+        processorSide.taken = 0;
+        reactorSide.idle = 0;
         enabled.store(true, std::memory_order_release);
 }
 
@@ -258,14 +264,15 @@ void Metrics_reset(void) {
         for (std::atomic<Listener*>& slot : listenerSlots)
                 slot.store(nullptr, std::memory_order_relaxed);
         listeners.clear();
-        bytesIn = 0;
-        bytesOut = 0;
-        busy = 0;
-        fileCacheHits = 0;
-        fileCacheMisses = 0;
-        gzipServed = 0;
-        queued = 0;
-        idle = 0;
+        reactorSide.idle = 0;
+        reactorSide.bytesOut = 0;
+        reactorSide.dispatched = 0;
+        processorSide.busy = 0;
+        processorSide.bytesIn = 0;
+        processorSide.taken = 0;
+        processorSide.fileCacheHits = 0;
+        processorSide.fileCacheMisses = 0;
+        processorSide.gzipServed = 0;
 }
 
 int Metrics_isEnabled(void) {
@@ -275,7 +282,7 @@ int Metrics_isEnabled(void) {
 long long Metrics_begin(void) {
         if (!enabled.load(std::memory_order_relaxed))
                 return 0;
-        busy.fetch_add(1, std::memory_order_relaxed);
+        processorSide.busy.fetch_add(1, std::memory_order_relaxed);
         return nowNanoseconds();
 }
 
@@ -285,7 +292,7 @@ void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started) {
         assert(req);
         assert(res);
         long long elapsed = nowNanoseconds() - started;
-        busy.fetch_sub(1, std::memory_order_relaxed);
+        processorSide.busy.fetch_sub(1, std::memory_order_relaxed);
         ServletConfig_T config = HttpRequest_getServletConfig(req);
         const char* servlet = config ? ServletConfig_getServletName(config) : nullptr;
         Series* s = seriesFor(HttpRequest_getContext(req), servlet ? servlet : "");
@@ -301,7 +308,8 @@ void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started) {
         s->nanoseconds.fetch_add(static_cast<uint64_t>(elapsed), std::memory_order_relaxed);
         int in = HttpRequest_getContentLength(req);
         if (in > 0)
-                bytesIn.fetch_add(static_cast<uint64_t>(in), std::memory_order_relaxed);
+                processorSide.bytesIn.fetch_add(static_cast<uint64_t>(in),
+                                                std::memory_order_relaxed);
 }
 
 void Metrics_responseSent(HttpResponse_T res) {
@@ -310,33 +318,42 @@ void Metrics_responseSent(HttpResponse_T res) {
         assert(res);
         long long out = HttpResponse_getBytesWritten(res);
         if (out > 0)
-                bytesOut.fetch_add(static_cast<uint64_t>(out), std::memory_order_relaxed);
+                reactorSide.bytesOut.fetch_add(static_cast<uint64_t>(out),
+                                               std::memory_order_relaxed);
 }
 
 void Metrics_connections(int delta) {
         // Counted whether on or off: a connection opened before the endpoint was configured
         // still closes after.
-        connections.fetch_add(delta, std::memory_order_relaxed);
+        reactorSide.connections.fetch_add(delta, std::memory_order_relaxed);
 }
 
 void Metrics_idleConnections(int delta) {
         if (enabled.load(std::memory_order_relaxed))
-                idle.fetch_add(delta, std::memory_order_relaxed);
+                reactorSide.idle.fetch_add(delta, std::memory_order_relaxed);
 }
 
 void Metrics_queued(int delta) {
-        if (enabled.load(std::memory_order_relaxed))
-                queued.fetch_add(delta, std::memory_order_relaxed);
+        if (!enabled.load(std::memory_order_relaxed))
+                return;
+        // Released, so that a scrape that sees a request taken sees it handed over too.
+        if (delta > 0)
+                reactorSide.dispatched.fetch_add(static_cast<uint64_t>(delta),
+                                                 std::memory_order_release);
+        else
+                processorSide.taken.fetch_add(static_cast<uint64_t>(-delta),
+                                              std::memory_order_release);
 }
 
 void Metrics_fileCacheLookup(int hit) {
         if (enabled.load(std::memory_order_relaxed))
-                (hit ? fileCacheHits : fileCacheMisses).fetch_add(1, std::memory_order_relaxed);
+                (hit ? processorSide.fileCacheHits : processorSide.fileCacheMisses)
+                    .fetch_add(1, std::memory_order_relaxed);
 }
 
 void Metrics_fileServed(FileMap_T map) {
         if (enabled.load(std::memory_order_relaxed) && map && FileMap_isCompressed(map))
-                gzipServed.fetch_add(1, std::memory_order_relaxed);
+                processorSide.gzipServed.fetch_add(1, std::memory_order_relaxed);
 }
 
 void Metrics_tlsHandshake(HttpConnector_T connector, int completed) {
@@ -389,6 +406,11 @@ char* Metrics_text(void) {
                 for (const auto& l : listeners)
                         secure.push_back(l.get());
         }
+        // Taken first: every request taken was handed over before, so the queue is never
+        // read below zero.
+        uint64_t taken = processorSide.taken.load(std::memory_order_acquire);
+        int64_t queued =
+            static_cast<int64_t>(reactorSide.dispatched.load(std::memory_order_acquire) - taken);
         std::string out;
         family(out, "vesk_requests_total", "counter",
                "Requests answered, by host, context, servlet, method and status class.");
@@ -425,21 +447,21 @@ char* Metrics_text(void) {
                        "\n";
         }
         single(out, "vesk_request_body_bytes_total", "counter", "Request body bytes received.",
-               decimal(bytesIn.load()));
+               decimal(processorSide.bytesIn.load()));
         single(out, "vesk_response_bytes_total", "counter",
                "Response body bytes sent, counted once a response has gone out in full.",
-               decimal(bytesOut.load()));
+               decimal(reactorSide.bytesOut.load()));
         single(out, "vesk_processor_threads_busy", "gauge",
                "Processor threads serving a request now.",
-               decimal(static_cast<long long>(busy.load())));
+               decimal(static_cast<long long>(processorSide.busy.load())));
         single(out, "vesk_dispatcher_queue_length", "gauge",
                "Requests received in full and waiting for a processor thread.",
-               decimal(static_cast<long long>(queued.load())));
+               decimal(static_cast<long long>(queued)));
         single(out, "vesk_connections_open", "gauge", "Client connections open now.",
-               decimal(static_cast<long long>(connections.load())));
+               decimal(static_cast<long long>(reactorSide.connections.load())));
         single(out, "vesk_connections_idle", "gauge",
                "Kept-alive client connections waiting for their next request.",
-               decimal(static_cast<long long>(idle.load())));
+               decimal(static_cast<long long>(reactorSide.idle.load())));
         FileCache_T cache = FileCache_getInstance();
         single(out, "vesk_file_cache_entries", "gauge", "Files held in the file cache.",
                decimal(FileCache_files(cache)));
@@ -447,12 +469,13 @@ char* Metrics_text(void) {
                decimal(static_cast<long long>(FileCache_size(cache))));
         single(out, "vesk_file_cache_hits_total", "counter",
                "File cache lookups that found the form asked for mapped already.",
-               decimal(fileCacheHits.load()));
+               decimal(processorSide.fileCacheHits.load()));
         single(out, "vesk_file_cache_misses_total", "counter",
-               "File cache lookups that had to map the file.", decimal(fileCacheMisses.load()));
+               "File cache lookups that had to map the file.",
+               decimal(processorSide.fileCacheMisses.load()));
         single(out, "vesk_file_cache_gzip_served_total", "counter",
                "Responses sent from the gzip-compressed form of a file.",
-               decimal(gzipServed.load()));
+               decimal(processorSide.gzipServed.load()));
         family(out, "vesk_sessions_active", "gauge", "Sessions alive, by context.");
         std::vector<Context_T> contexts;
         for (Series* s : series) {
