@@ -247,8 +247,9 @@ void Metrics_configure(const char* path, const char* allow, int port) {
         allowed = addresses;
         endpointPort = port;
         startTime = time(nullptr);
-        // Read before the connectors start: a gauge left over from an earlier run of the
-        // server in this process starts again from nothing.
+        // Configured before the connectors start. An earlier run of the server in this
+        // process may have closed idle connections and dropped queued requests at its stop
+        // without counting them out: those gauges start again from nothing.
         reactorSide.dispatched = 0;
         processorSide.taken = 0;
         reactorSide.idle = 0;
