@@ -1,7 +1,10 @@
+#include <dlfcn.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <mutex>
+#include <string>
 #include <vector>
 
 #include <libpq-fe.h>
@@ -15,19 +18,59 @@ namespace vdb {
 
 namespace {
 
+// libpq, and what it pulls in (Kerberos, LDAP, a second TLS library), would cost every
+// process that links libvdb megabytes of memory and milliseconds at start, although most
+// homes never name a PostgreSQL URL: it is loaded on the first connection to one.
+#define VDB_LIBPQ_FUNCTIONS(X) \
+        X(PQclear) X(PQcmdStatus) X(PQcmdTuples) X(PQconnectdbParams) X(PQerrorMessage) \
+        X(PQexec) X(PQexecParams) X(PQexecPrepared) X(PQfinish) X(PQfname) X(PQfreemem) \
+        X(PQftype) X(PQgetisnull) X(PQgetlength) X(PQgetvalue) X(PQisthreadsafe) \
+        X(PQnfields) X(PQntuples) X(PQprepare) X(PQresultErrorField) X(PQresultStatus) \
+        X(PQsetNoticeProcessor) X(PQstatus) X(PQtransactionStatus) X(PQunescapeBytea)
+
+struct Libpq {
+#define VDB_LIBPQ_MEMBER(name) decltype(&::name) name = nullptr;
+        VDB_LIBPQ_FUNCTIONS(VDB_LIBPQ_MEMBER)
+#undef VDB_LIBPQ_MEMBER
+};
+Libpq pq;
+std::once_flag pqOnce;
+std::string pqError;
+
+void loadLibpq() {
+        std::call_once(pqOnce, [] {
+                void* library = dlopen("libpq.so.5", RTLD_NOW | RTLD_LOCAL);
+                if (!library) {
+                        const char* why = dlerror();
+                        pqError = why ? why : "libpq.so.5 not found";
+                        return;
+                }
+#define VDB_LIBPQ_RESOLVE(name)                                                   \
+        pq.name = reinterpret_cast<decltype(pq.name)>(dlsym(library, #name));     \
+        if (!pq.name) {                                                           \
+                pqError = "libpq.so.5 has no " #name;                             \
+                return;                                                           \
+        }
+                VDB_LIBPQ_FUNCTIONS(VDB_LIBPQ_RESOLVE)
+#undef VDB_LIBPQ_RESOLVE
+        });
+        if (!pqError.empty())
+                fail("PostgreSQL: cannot load the client library -- %s", pqError.c_str());
+}
+
 // A server that does not answer must not hold a thread that asked for a connection for
 // the minutes that TCP would wait.
 constexpr const char* kConnectTimeoutSeconds = "5";
 constexpr Oid kByteaOid = 17;
 
 struct Finish {
-        void operator()(PGconn* conn) const { PQfinish(conn); }
+        void operator()(PGconn* conn) const { pq.PQfinish(conn); }
 };
 struct Clear {
-        void operator()(PGresult* result) const { PQclear(result); }
+        void operator()(PGresult* result) const { pq.PQclear(result); }
 };
 struct FreeMem {
-        void operator()(unsigned char* p) const { PQfreemem(p); }
+        void operator()(unsigned char* p) const { pq.PQfreemem(p); }
 };
 using ConnectionHandle = std::unique_ptr<PGconn, Finish>;
 using Result = std::unique_ptr<PGresult, Clear>;
@@ -53,27 +96,27 @@ Result checked(PGconn* conn, PGresult* raw, const char* what, const std::string&
         Result result(raw);
         if (!result)
                 fail("PostgreSQL: cannot %s %s -- %s", what, quote(sql).c_str(),
-                     oneLine(PQerrorMessage(conn)).c_str());
-        switch (PQresultStatus(result.get())) {
+                     oneLine(pq.PQerrorMessage(conn)).c_str());
+        switch (pq.PQresultStatus(result.get())) {
         case PGRES_COMMAND_OK:
         case PGRES_TUPLES_OK:
         case PGRES_EMPTY_QUERY:
                 return result;
         default: {
-                const char* primary = PQresultErrorField(result.get(), PG_DIAG_MESSAGE_PRIMARY);
+                const char* primary = pq.PQresultErrorField(result.get(), PG_DIAG_MESSAGE_PRIMARY);
                 fail("PostgreSQL: cannot %s %s -- %s", what, quote(sql).c_str(),
-                     oneLine(primary ? primary : PQerrorMessage(conn)).c_str());
+                     oneLine(primary ? primary : pq.PQerrorMessage(conn)).c_str());
         }
         }
 }
 
 // Rows changed by a command: the count in its tag, except for commands that only read.
 long long changedBy(const PGresult* result) {
-        const char* tag = PQcmdStatus(const_cast<PGresult*>(result));
+        const char* tag = pq.PQcmdStatus(const_cast<PGresult*>(result));
         for (const char* reading : {"SELECT", "FETCH", "MOVE"})
                 if (strncmp(tag, reading, strlen(reading)) == 0)
                         return 0;
-        const char* n = PQcmdTuples(const_cast<PGresult*>(result));
+        const char* n = pq.PQcmdTuples(const_cast<PGresult*>(result));
         return *n ? strtoll(n, nullptr, 10) : 0;
 }
 
@@ -113,25 +156,25 @@ public:
         explicit PostgresRows(Result result) : result_(std::move(result)) {}
 
         bool next() override {
-                if (row_ < PQntuples(result_.get()))
+                if (row_ < pq.PQntuples(result_.get()))
                         row_++;
-                return row_ < PQntuples(result_.get());
+                return row_ < pq.PQntuples(result_.get());
         }
-        int columnCount() override { return PQnfields(result_.get()); }
-        const char* columnName(int column) override { return PQfname(result_.get(), column); }
-        bool isNull(int column) override { return PQgetisnull(result_.get(), row_, column); }
+        int columnCount() override { return pq.PQnfields(result_.get()); }
+        const char* columnName(int column) override { return pq.PQfname(result_.get(), column); }
+        bool isNull(int column) override { return pq.PQgetisnull(result_.get(), row_, column); }
         const char* text(int column) override {
-                return isNull(column) ? nullptr : PQgetvalue(result_.get(), row_, column);
+                return isNull(column) ? nullptr : pq.PQgetvalue(result_.get(), row_, column);
         }
         void bytes(int column, std::string& into) override {
-                const char* value = PQgetvalue(result_.get(), row_, column);
-                if (PQftype(result_.get(), column) != kByteaOid) {
-                        into.assign(value, PQgetlength(result_.get(), row_, column));
+                const char* value = pq.PQgetvalue(result_.get(), row_, column);
+                if (pq.PQftype(result_.get(), column) != kByteaOid) {
+                        into.assign(value, pq.PQgetlength(result_.get(), row_, column));
                         return;
                 }
                 size_t size = 0;
                 std::unique_ptr<unsigned char, FreeMem> decoded(
-                    PQunescapeBytea(reinterpret_cast<const unsigned char*>(value), &size));
+                    pq.PQunescapeBytea(reinterpret_cast<const unsigned char*>(value), &size));
                 if (!decoded)
                         throw std::bad_alloc();
                 into.assign(reinterpret_cast<const char*>(decoded.get()), size);
@@ -180,7 +223,7 @@ private:
                 for (size_t i = 0; i < values.size(); i++)
                         values[i] = bound_[i] ? values_[i].c_str() : nullptr;
                 return checked(conn_,
-                               PQexecPrepared(conn_, name_.c_str(), static_cast<int>(values.size()),
+                               pq.PQexecPrepared(conn_, name_.c_str(), static_cast<int>(values.size()),
                                               values.data(), lengths_.data(), formats_.data(), 0),
                                "execute", sql_);
         }
@@ -199,7 +242,7 @@ public:
         explicit PostgresDatabase(ConnectionHandle conn) : conn_(std::move(conn)) {}
 
         const char* name() const override { return "PostgreSQL"; }
-        bool alive() override { return PQstatus(conn_.get()) == CONNECTION_OK; }
+        bool alive() override { return pq.PQstatus(conn_.get()) == CONNECTION_OK; }
 
         long long execute(const std::string& sql) override { return changedBy(command(sql).get()); }
         std::unique_ptr<Rows> query(const std::string& sql) override {
@@ -207,7 +250,7 @@ public:
                 // The one-statement form of the protocol, as a query is one statement.
                 return std::make_unique<PostgresRows>(
                     checked(conn_.get(),
-                            PQexecParams(conn_.get(), sql.c_str(), 0, nullptr, nullptr, nullptr,
+                            pq.PQexecParams(conn_.get(), sql.c_str(), 0, nullptr, nullptr, nullptr,
                                          nullptr, 0),
                             "run", sql));
         }
@@ -215,7 +258,7 @@ public:
                 int parameters;
                 std::string text = numbered(sql, &parameters);
                 std::string name = "vdb" + std::to_string(++statements_);
-                checked(conn_.get(), PQprepare(conn_.get(), name.c_str(), text.c_str(), 0, nullptr),
+                checked(conn_.get(), pq.PQprepare(conn_.get(), name.c_str(), text.c_str(), 0, nullptr),
                         "prepare", sql);
                 prepared_ = true;
                 return std::make_unique<PostgresStatement>(conn_.get(), name, text, parameters);
@@ -223,14 +266,14 @@ public:
         void begin() override { command("BEGIN"); }
         void commit() override {
                 // COMMIT of a transaction that an error has aborted succeeds as a ROLLBACK.
-                if (strcmp(PQcmdStatus(command("COMMIT").get()), "ROLLBACK") == 0)
+                if (strcmp(pq.PQcmdStatus(command("COMMIT").get()), "ROLLBACK") == 0)
                         fail(
                             "PostgreSQL: cannot commit -- an earlier error in the transaction "
                             "rolled it back");
         }
         void rollback() override { command("ROLLBACK"); }
         bool inTransaction() override {
-                PGTransactionStatusType status = PQtransactionStatus(conn_.get());
+                PGTransactionStatusType status = pq.PQtransactionStatus(conn_.get());
                 return status == PQTRANS_INTRANS || status == PQTRANS_INERROR;
         }
         // Prepared statements live in the server's session; a borrower after this one would
@@ -239,14 +282,14 @@ public:
                 if (prepared_)
                         command("DEALLOCATE ALL");
                 prepared_ = false;
-                if (PQtransactionStatus(conn_.get()) != PQTRANS_IDLE)
+                if (pq.PQtransactionStatus(conn_.get()) != PQTRANS_IDLE)
                         fail("PostgreSQL: the connection is not idle");
         }
 
 private:
         Result command(const std::string& sql) {
                 trace(sql);
-                return checked(conn_.get(), PQexec(conn_.get(), sql.c_str()), "execute", sql);
+                return checked(conn_.get(), pq.PQexec(conn_.get(), sql.c_str()), "execute", sql);
         }
 
         ConnectionHandle conn_;
@@ -263,7 +306,8 @@ void notice(void*, const char* message) {
 }  // namespace
 
 std::unique_ptr<Database> openPostgres(const DatabaseURL& url) {
-        if (!PQisthreadsafe())
+        loadLibpq();
+        if (!pq.PQisthreadsafe())
                 fail("PostgreSQL: libpq is built without thread support");
         std::vector<const char*> keywords, values;
         auto add = [&](const char* keyword, const std::string& value) {
@@ -289,13 +333,13 @@ std::unique_ptr<Database> openPostgres(const DatabaseURL& url) {
         }
         keywords.push_back(nullptr);
         values.push_back(nullptr);
-        ConnectionHandle conn(PQconnectdbParams(keywords.data(), values.data(), 0));
+        ConnectionHandle conn(pq.PQconnectdbParams(keywords.data(), values.data(), 0));
         if (!conn)
                 throw std::bad_alloc();
-        if (PQstatus(conn.get()) != CONNECTION_OK)
+        if (pq.PQstatus(conn.get()) != CONNECTION_OK)
                 fail("PostgreSQL: cannot connect to \"%s\" -- %s", url.shown.c_str(),
-                     oneLine(PQerrorMessage(conn.get())).c_str());
-        PQsetNoticeProcessor(conn.get(), notice, nullptr);
+                     oneLine(pq.PQerrorMessage(conn.get())).c_str());
+        pq.PQsetNoticeProcessor(conn.get(), notice, nullptr);
         return std::make_unique<PostgresDatabase>(std::move(conn));
 }
 
