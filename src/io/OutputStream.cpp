@@ -1,6 +1,7 @@
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/sendfile.h>
 #include <sys/uio.h>
 
 #include <algorithm>
@@ -15,6 +16,7 @@
 #include <vesk/assert.h>
 
 #include "io/ChainImpl.hpp"
+#include "io/FileMap.hpp"
 #include "io/MapGuard.hpp"
 #include "ssl/SSLTransport.hpp"
 
@@ -154,10 +156,11 @@ void doWrite(Chain_T C, long n) {
                 recycleFirst(C);
 }
 
-// Gathers the nodes to send; mapped[i] tells whether iov[i] lies in a file mapping.
-int gather(Chain_T C, struct iovec* iov, bool* mapped) {
+// Gathers the nodes to send, up to the node stop if given; mapped[i] tells whether iov[i]
+// lies in a file mapping.
+int gather(Chain_T C, struct iovec* iov, bool* mapped, ChainNode_T stop) {
         int count = 0;
-        for (ChainNode_T p = C->first; p && count < kMaxGather; p = p->next) {
+        for (ChainNode_T p = C->first; p && p != stop && count < kMaxGather; p = p->next) {
                 if (!ChainNode_isDrained(p)) {
                         iov[count].iov_base = p->pos;
                         iov[count].iov_len = static_cast<size_t>(p->avail - p->pos);
@@ -209,20 +212,61 @@ long writeSSL(OutputStream_T S, const struct iovec* iov, const bool* mapped, int
         return total;
 }
 
+// The node of the response's file mapping when it goes out by sendfile: a large plain
+// mapping on a plain socket. TLS encrypts in user space and needs the bytes there.
+ChainNode_T sendfileNode(OutputStream_T S) {
+        FileMap_T map = S->fileMap;
+        if (S->ssl || !map || map->fd < 0)
+                return nullptr;
+        for (ChainNode_T p = S->chain->first; p; p = p->next) {
+                if (p->start == map->address && !ChainNode_isDrained(p))
+                        return p;
+                if (p == S->chain->last)
+                        break;
+        }
+        return nullptr;
+}
+
+// Sends what is left of node from the file it maps, waiting for the socket as Net_writev
+// does. A file that ends before its mapping does fails as a bad address, as the missing
+// pages of a mapping would.
+long sendMapped(OutputStream_T S, ChainNode_T node) {
+        off_t offset = node->pos - node->start;
+        size_t count = static_cast<size_t>(node->avail - node->pos);
+        for (bool waited = false;; waited = true) {
+                ssize_t n;
+                do
+                        n = sendfile(S->socket, S->fileMap->fd, &offset, count);
+                while (n < 0 && errno == EINTR);
+                if (n == 0) {
+                        errno = EFAULT;
+                        return -1;
+                }
+                if (n > 0 || errno != EAGAIN)
+                        return n;
+                if (waited || S->timeout <= 0 || !Net_canWrite(S->socket, S->timeout))
+                        return 0;
+        }
+}
+
 int writeLoop(OutputStream_T S) {
         Chain_T C = S->chain;
         int total = 0;
         do {
                 struct iovec iov[kMaxGather];
                 bool mapped[kMaxGather];
-                int count = gather(C, iov, mapped);
+                ChainNode_T file = sendfileNode(S);
+                int count = gather(C, iov, mapped, file);
                 long n;
                 if (S->ssl) {
                         if (count == 0)
                                 return total;
                         n = writeSSL(S, iov, mapped, count);
                 } else {
-                        n = Net_writev(S->socket, iov, count, S->timeout);
+                        // The head goes before the file, in a call of its own.
+                        n = count > 0 ? Net_writev(S->socket, iov, count, S->timeout)
+                            : file    ? sendMapped(S, file)
+                                      : 0;
                         // The kernel meets a truncated file's missing pages as a bad address.
                         if (n < 0 && errno == EFAULT)
                                 discardMapping(S);
