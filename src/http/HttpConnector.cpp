@@ -103,6 +103,8 @@ constexpr int kHeadReadCost = 1000;
 // connectionTimeout is longer still.
 constexpr int kHandshakeTime = 10000;
 constexpr int kReadSize = 4096;
+// Finished answers taken from the response pipe in one read.
+constexpr int kResponseBatch = 32;
 
 constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
 constexpr int kContinueSize = sizeof kContinue - 1;
@@ -862,20 +864,8 @@ void Processor_Thread(void* item) {
 
 /* ------------------------------------------------------ Ending a response */
 
-void _processResponse(EventHandler_T handler, int revents) {
-        (void)revents;
-        HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
-        InetAddress_T inet = nullptr;
-        // One pointer per event: a write of one pointer to a pipe is atomic, and the
-        // level-triggered watcher fires again while more are waiting.
-        ssize_t n;
-        do
-                n = read(H->responsePipe[0], &inet, sizeof inet);
-        while (n < 0 && errno == EINTR);
-        if (n < 1) {
-                Error_debug("Failed reading from Response Pipe\n");
-                return;
-        }
+// Sends the answer a processor thread finished for inet.
+void endProcessed(HttpConnector_T H, InetAddress_T inet) {
         // Disarmed and armed again in this callback, the watcher costs the loop no call
         // to the kernel, as long as the answer goes out at once.
         EventHandler_T writer = watcherOf(H, inet);
@@ -895,6 +885,25 @@ void _processResponse(EventHandler_T handler, int revents) {
         // always takes the answer now: write at once, and wait for the socket only for
         // what it did not take.
         s_endResponse(writer, Reactor_Write);
+}
+
+void _processResponse(EventHandler_T handler, int revents) {
+        (void)revents;
+        HttpConnector_T H = static_cast<HttpConnector_T>(EventHandler_getData(handler));
+        // Every write to the pipe is one pointer, which a pipe passes whole, so a read takes
+        // whole pointers only: as many as have come, up to a batch, for one wake-up of the
+        // loop. The level-triggered watcher fires again while more are waiting.
+        InetAddress_T done[kResponseBatch];
+        ssize_t n;
+        do
+                n = read(H->responsePipe[0], done, sizeof done);
+        while (n < 0 && errno == EINTR);
+        if (n < 1) {
+                Error_debug("Failed reading from Response Pipe\n");
+                return;
+        }
+        for (size_t i = 0; i < static_cast<size_t>(n) / sizeof done[0]; i++)
+                endProcessed(H, done[i]);
 }
 
 // A field of the access line between double quotes, with the quote and the backslash
