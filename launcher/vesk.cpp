@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <stdio.h>
 #include <limits.h>
 #include <stdlib.h>
@@ -143,6 +144,37 @@ int aboveStandard(int fd) {
         return moved;
 }
 
+// The supervisor's journal, logs/supervisor.log, or -1 when it cannot be written; and
+// whether standard error is a terminal's or a service manager's rather than the journal.
+int journal = -1;
+bool saysOnStandardError = true;
+
+void openJournal(Container_T C) {
+        std::string log = std::string(Container_getHome(C)) + "/logs/supervisor.log";
+        journal = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+}
+
+// What a supervisor does goes to its journal, stamped as the error log stamps its lines,
+// so that restarts can be traced afterwards; in the foreground it is said on standard
+// error as well.
+void note(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void note(const char* format, ...) {
+        char text[512];
+        va_list ap;
+        va_start(ap, format);
+        vsnprintf(text, sizeof text, format, ap);
+        va_end(ap);
+        if (saysOnStandardError)
+                fprintf(stderr, "%s: %s\n", program, text);
+        if (journal >= 0) {
+                time_t now = time(nullptr);
+                struct tm local;
+                char stamp[32];
+                strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", localtime_r(&now, &local));
+                dprintf(journal, "%s %s: %s\n", stamp, program, text);
+        }
+}
+
 // The server a supervisor runs now, and whether someone asked the supervisor to stop.
 volatile sig_atomic_t serverPid = 0;
 volatile sig_atomic_t stopAsked = 0;
@@ -171,6 +203,8 @@ void onSignals(void (*handler)(int)) {
 // launcher's exit status; in a server process, 0 once it has stopped.
 int supervise(Container_T C, int startPipe) {
         onSignals(forward);
+        if (journal < 0)
+                openJournal(C);
         std::deque<time_t> crashes;
         for (;;) {
                 fflush(nullptr);
@@ -179,6 +213,8 @@ int supervise(Container_T C, int startPipe) {
                         fail("cannot fork the server");
                 if (pid == 0) {
                         onSignals(SIG_DFL);
+                        if (journal >= 0)
+                                close(journal);
                         Container_setDaemon(C, 0);
                         Container_setSupervised(C, 1);
                         if (startPipe >= 0)
@@ -208,27 +244,25 @@ int supervise(Container_T C, int startPipe) {
                         crashes.pop_front();
                 crashes.push_back(now);
                 if (static_cast<int>(crashes.size()) >= kBurst) {
-                        fprintf(stderr,
-                                "%s: the server (pid %d) ended on signal %d (%s), the %dth time "
-                                "within %d seconds -- not starting it again\n",
-                                program, static_cast<int>(pid), WTERMSIG(status),
-                                strsignal(WTERMSIG(status)), kBurst, kBurstWindow);
+                        note(
+                            "the server (pid %d) ended on signal %d (%s), the %dth time within "
+                            "%d seconds -- not starting it again",
+                            static_cast<int>(pid), WTERMSIG(status), strsignal(WTERMSIG(status)),
+                            kBurst, kBurstWindow);
                         return 1;
                 }
-                fprintf(stderr, "%s: the server (pid %d) ended on signal %d (%s) -- starting it again\n",
-                        program, static_cast<int>(pid), WTERMSIG(status),
-                        strsignal(WTERMSIG(status)));
+                note("the server (pid %d) ended on signal %d (%s) -- starting it again",
+                     static_cast<int>(pid), WTERMSIG(status), strsignal(WTERMSIG(status)));
         }
 }
 
-// Where a daemon supervisor says what it does, having no terminal: beside the pid file.
+// A daemon supervisor has no terminal: what it and its servers would say on standard
+// error goes to its journal too.
 void supervisorLog(Container_T C) {
-        std::string log = std::string(Container_getHome(C)) + "/logs/supervisor.log";
-        int fd = open(log.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-        if (fd < 0)
-                return;
-        dup2(fd, STDERR_FILENO);
-        close(fd);
+        openJournal(C);
+        saysOnStandardError = false;
+        if (journal >= 0)
+                dup2(journal, STDERR_FILENO);
 }
 
 // Starts the server as a daemon and waits until it serves or has failed, which it

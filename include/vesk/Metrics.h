@@ -7,11 +7,16 @@
  * and no lock on the request path (a lock is taken once per new series only). The
  * endpoint answers GET at the configured path to the listed client addresses, and 403
  * to every other client.
+ *
+ * The modules that serve call the counting operations below at one point each; while
+ * metrics are off each of them costs a test of one flag.
  */
 #ifndef VESK_METRICS_INCLUDED
 #define VESK_METRICS_INCLUDED
 
 #include <vesk/Export.h>
+#include <vesk/File.h>
+#include <vesk/HttpConnector.h>
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 
@@ -29,8 +34,22 @@ VESK_API int Metrics_isEnabled(void);
 VESK_API long long Metrics_begin(void);
 /* Counts req, answered by res, started at started (from Metrics_begin). */
 VESK_API void Metrics_end(HttpRequest_T req, HttpResponse_T res, long long started);
+/* Counts the body bytes of res, which has gone out in full. */
+VESK_API void Metrics_responseSent(HttpResponse_T res);
 /* Counts connections opened (delta 1) and closed (delta -1). */
 VESK_API void Metrics_connections(int delta);
+/* Counts kept-alive connections that begin (delta 1) or end (delta -1) waiting for their
+   next request. */
+VESK_API void Metrics_idleConnections(int delta);
+/* Counts requests that join (delta 1) or leave (delta -1) the queue of a connector's
+   processor threads. */
+VESK_API void Metrics_queued(int delta);
+/* Counts a FileCache lookup that found the form asked for mapped (hit 1) or not (hit 0). */
+VESK_API void Metrics_fileCacheLookup(int hit);
+/* Counts a response answered from map: a gzip form served when map is compressed. */
+VESK_API void Metrics_fileServed(FileMap_T map);
+/* Counts a TLS handshake on connector, completed (1) or failed (0). */
+VESK_API void Metrics_tlsHandshake(HttpConnector_T connector, int completed);
 /* Whether req asks for the endpoint. */
 VESK_API int Metrics_isEndpoint(HttpRequest_T req);
 /* Answers req with the exposition, or 403 for a client not allowed. */

@@ -144,6 +144,7 @@ void closeConnection(InetAddress_T inet, bool reset) {
 void _doHandshake(EventHandler_T handler, int revents);
 bool awaitHandshake(HttpConnector_T H, EventHandler_T handler, SSL_T ssl);
 void _readRequest(EventHandler_T handler, int revents);
+void _readNextRequest(EventHandler_T handler, int revents);
 void _handlePostData(EventHandler_T handler, int revents);
 void _skipBody(EventHandler_T handler, int revents);
 void s_endResponse(EventHandler_T handler, int revents);
@@ -279,7 +280,9 @@ void _awaitAnswer(EventHandler_T handler, int revents);
 // the connection until its answer is out and it is re-armed for the next head.
 void dispatch(HttpConnector_T H, EventHandler_T handler, InetAddress_T inet,
               HttpRequest_T request) {
+        Metrics_queued(1);
         if (!Dispatcher_add(H->dispatcher, request)) {
+                Metrics_queued(-1);
                 _sendError(inet, 500, "Could not add request to Dispatcher");
                 return;
         }
@@ -409,6 +412,8 @@ bool admit(HttpConnector_T H, InetAddress_T inet) {
         SSL_T ssl = InetAddress_getSSL(inet);
         if (ssl && SSLTransport_handshaking(ssl))
                 return awaitHandshake(H, handler, ssl);
+        if (ssl)
+                Metrics_tlsHandshake(H, 1);  // a quick client's, done within the accept
         EventHandler_setHandler(handler, _readRequest);
         EventHandler_setTimeout(handler, H->connectionTimeout);
         return Reactor_registerHandler(H->reactor, handler, Reactor_Read);
@@ -421,6 +426,7 @@ void _doAccept(EventHandler_T handler, int revents) {
         for (InetAddress_T inet; (inet = Net_accept(H->serverSocket));) {
                 bool refused;
                 if (H->secure && !_doSSLAccept(H, inet, &refused)) {
+                        Metrics_tlsHandshake(H, 0);
                         // A refused handshake closes in order, as it does when the refusal
                         // comes later, so that the client reads the alert rather than a reset.
                         if (refused)
@@ -475,6 +481,7 @@ void _doHandshake(EventHandler_T handler, int revents) {
         else if (revents != Reactor_Timeout)
                 Error_error("Unexpected event [%d] received in _doHandshake\n", revents);
         if (step == 1) {
+                Metrics_tlsHandshake(H, 1);
                 EventHandler_setHandler(handler, _readRequest);
                 EventHandler_setTimeout(handler, H->connectionTimeout);
                 // The head may have come with the handshake's last bytes and now wait in the
@@ -497,6 +504,7 @@ void _doHandshake(EventHandler_T handler, int revents) {
         else
                 Error_debug("[client %s] secure connection closed -- handshake took too long\n",
                             remote(inet));
+        Metrics_tlsHandshake(H, 0);
         closeConnection(inet, !refused);
 }
 
@@ -684,6 +692,14 @@ void _readRequest(EventHandler_T handler, int revents) {
         dispatch(H, handler, inet, request);
 }
 
+// A kept-alive connection is idle until its client sends again or the wait ends; from
+// then on it reads as a new one does.
+void _readNextRequest(EventHandler_T handler, int revents) {
+        Metrics_idleConnections(-1);
+        EventHandler_setHandler(handler, _readRequest);
+        _readRequest(handler, revents);
+}
+
 void _handlePostData(EventHandler_T handler, int revents) {
         HttpStore_T store = static_cast<HttpStore_T>(EventHandler_getData(handler));
         InetAddress_T inet = HttpStore_getInetAddress(store);
@@ -842,6 +858,7 @@ void Processor_Thread(void* item) {
         InetAddress_T inet = HttpRequest_getInetAddress(req);
         Context_T context = HttpRequest_getContext(req);
         HttpResponse_T response = HttpRequest_getResponse(req);
+        Metrics_queued(-1);
         long long started = Metrics_begin();
         // Whatever happened, the connection goes back to the Reactor thread: a raise from
         // the error page or the finalizing itself is logged, and what is buffered goes out.
@@ -980,6 +997,7 @@ void s_endResponse(EventHandler_T handler, int revents) {
         Logger_T log = Host_getAccessLogger(Context_getHost(HttpResponse_getContext(response)));
         if (log)
                 accessLog(log, inet, request, response);
+        Metrics_responseSent(response);
         HttpRequest_end(request);
         if (!HttpResponse_getKeepAlive(response) || H->draining) {
                 if (unreadInput(inet, request))
@@ -992,12 +1010,14 @@ void s_endResponse(EventHandler_T handler, int revents) {
         InetAddress_release(inet);
         EventHandler_setData(handler, inet);
         EventHandler_setTimeout(handler, H->keepAliveTimeout);
-        EventHandler_setHandler(handler, _readRequest);
+        EventHandler_setHandler(handler, _readNextRequest);
         if (!Reactor_registerHandler(H->reactor, handler, Reactor_Read)) {
                 Error_error("Could not register keep-alive connection from [%s] with Reactor\n",
                             remote(inet));
                 closeConnection(inet, true);
+                return;
         }
+        Metrics_idleConnections(1);
 }
 
 /* ---------------------------------------------------------------- Start */

@@ -14,6 +14,7 @@
 #include <vesk/HttpRequest.h>
 #include <vesk/HttpResponse.h>
 #include <vesk/List.h>
+#include <vesk/Metrics.h>
 #include <vesk/ServletContext.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
@@ -279,6 +280,7 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent, boo
         if (FileMap_isCompressed(map))
                 HttpResponse_setHeader(res, "Content-Encoding", "gzip");
         HttpResponse_setFileMap(res, map);
+        Metrics_fileServed(map);
         return 1;
 }
 

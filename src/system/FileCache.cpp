@@ -10,6 +10,7 @@
 #include <vesk/FileCache.h>
 #include <vesk/List.h>
 #include <vesk/Mem.h>
+#include <vesk/Metrics.h>
 #include <vesk/Str.h>
 #include <vesk/System.h>
 #include <vesk/Table.h>
@@ -134,6 +135,7 @@ FileMap_T FileCache_get(FileCache_T F, int compress, const char* path) {
         int form = compress ? 1 : 0;
         vesk::Lock lock(F->mutex);
         FileMap_T map = static_cast<FileMap_T>(Table_get(F->tables[form], path));
+        Metrics_fileCacheLookup(map != nullptr);
         if (!map) {
                 // "%s", so that a '%' in the path stays part of the name.
                 File_T file = File_new("%s", path);
