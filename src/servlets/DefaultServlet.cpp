@@ -241,7 +241,10 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent, boo
                                 FileCache_return(cache, map);
                         return 0;
                 }
-                if (!sendsBody) {
+                // Counted as the one look-up that a processor thread makes for a body.
+                if (sendsBody) {
+                        Metrics_fileCacheLookup(1);
+                } else {
                         FileCache_return(cache, map);
                         map = nullptr;
                 }
