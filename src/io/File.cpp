@@ -241,6 +241,9 @@ bool mapfile(File_T F, const char* path, const char* mode, off_t size) {
         }
         F->map.address = address;
         F->map.size = static_cast<int>(size);
+        // The descriptor names the very file mapped, whatever replaces its path later.
+        bool sendable = F->map.mode[1] == 0 && size > FileMap_SendfileSize;
+        F->map.fd = sendable ? fd.release() : -1;
         return true;
 }
 
@@ -351,6 +354,8 @@ int File_unmap(File_T F) {
                 return true;
         if (munmap(F->map.address, static_cast<size_t>(F->map.size)) != 0)
                 return false;
+        if (F->map.fd >= 0)
+                close(F->map.fd);
         F->map = FileMap_S{};
         return true;
 }

@@ -16,7 +16,12 @@ struct FileMap_S {
         char mode[2];   // 'r' then 0, 'z' (compressed) or '+' (writable)
         int refcount;   // holders and the purge mark; only through FileMap_state()
         Table_T table;  // the cache table that holds this mapping
+        int fd = -1;    // the mapped file, kept open for sendfile by a large plain mapping
 };
+
+// A plain mapping larger than this keeps its file open, so that it can be sent with
+// sendfile rather than copied out of the mapping.
+constexpr int FileMap_SendfileSize = 65536;
 
 // The holders' count and the purge mark share one word, so that the holder whose return
 // takes the count to 0 sees in that same atomic step whether the mapping must go. With

@@ -39,6 +39,7 @@ struct Context_S {
         List_T securityConstraints;
         List_T securityConstraintsWithCSRFProtection;
         ServletContext_T servletContext;
+        Wrapper_T defaultServlet;
         Arena_T arena;
 };
 
@@ -219,7 +220,8 @@ Context_T Context_new(void) {
         C->servletMapping = Table_alloc(C->arena, 5, Str_cmp, Str_hash);
         C->contextPath = STR_DUP_ARENA(C->arena, "");
         C->errorPages = Table_alloc(C->arena, 2, Str_cmp, Str_hash);
-        CreateDefaultServlet(Context_createServlet(C, "DefaultServlet", "/"));
+        C->defaultServlet = Context_createServlet(C, "DefaultServlet", "/");
+        CreateDefaultServlet(C->defaultServlet);
         CreateServerPageServlet(Context_createServlet(C, "ServerPageServlet", "*.csp"));
         return C;
 }
@@ -283,6 +285,29 @@ int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res) {
         }
         Armed armed(wrapper, req);
         return service(wrapper, req, res);
+}
+
+int Context_invokeCached(Context_T C, HttpRequest_T req, HttpResponse_T res) {
+        assert(C);
+        assert(req);
+        assert(res);
+        int method = HttpRequest_method(req);
+        if (method != HttpRequest_GET && method != HttpRequest_HEAD)
+                return 0;
+        // Whatever the authenticator or a session would do may wait on a database, a
+        // directory server or a lock: a context with constraints, and a request that names a
+        // session, take the usual way. Without them Authenticator_invoke answers nothing.
+        if (List_length(C->securityConstraints) > 0 || Context_containsCSRFProtection(C) ||
+            (C->sessionManager && HttpRequest_getRequestSessionId(req)))
+                return 0;
+        // A private path is refused, and logged, by the usual way only.
+        if (Metrics_isEndpoint(req) || Context_isPrivatePath(HttpRequest_getRequestURI(req)))
+                return 0;
+        Wrapper_T wrapper = Context_map(C, req, res);
+        if (!wrapper || wrapper != C->defaultServlet)
+                return 0;
+        HttpRequest_setServletConfig(req, Wrapper_getServletConfig(wrapper));
+        return DefaultServlet_serveCached(req, res);
 }
 
 Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res) {

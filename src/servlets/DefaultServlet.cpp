@@ -108,33 +108,33 @@ void setLastModified(HttpResponse_T res, const Validators& v) {
         HttpResponse_setHeader(res, "Last-Modified", "%s GMT", Time_string(v.mtime, date));
 }
 
-// Answers a failed precondition; false when processing goes on.
-bool preconditionAnswered(HttpRequest_T req, HttpResponse_T res, const Validators& v) {
+// What the request's preconditions make of the answer: 0 when the file is sent, or the
+// status that answers instead (304 or 412).
+int preconditionStatus(HttpRequest_T req, const Validators& v) {
         const char* ifMatch = HttpRequest_getHeader(req, "If-Match");
-        if (ifMatch && !strchr(ifMatch, '*') && !strstr(v.etag, ifMatch)) {
-                HttpResponse_sendError(res, 412, NULL);
-                return true;
-        }
+        if (ifMatch && !strchr(ifMatch, '*') && !strstr(v.etag, ifMatch))
+                return 412;
         const char* ifNoneMatch = HttpRequest_getHeader(req, "If-None-Match");
         if (ifNoneMatch && (strchr(ifNoneMatch, '*') || strstr(v.etag, ifNoneMatch))) {
                 int method = HttpRequest_method(req);
-                if (method == HttpRequest_GET || method == HttpRequest_HEAD)
-                        HttpResponse_setStatus(res, 304);
-                else
-                        HttpResponse_sendError(res, 412, NULL);
-                return true;
+                return method == HttpRequest_GET || method == HttpRequest_HEAD ? 304 : 412;
         }
         time_t since = HttpRequest_getDateHeader(req, "If-Modified-Since");
-        if (since > -1 && !ifNoneMatch && v.mtime <= since) {
-                HttpResponse_setStatus(res, 304);
-                return true;
-        }
+        if (since > -1 && !ifNoneMatch && v.mtime <= since)
+                return 304;
         time_t unmodified = HttpRequest_getDateHeader(req, "If-Unmodified-Since");
-        if (unmodified > -1 && v.mtime > unmodified) {
+        if (unmodified > -1 && v.mtime > unmodified)
+                return 412;
+        return 0;
+}
+
+// Answers a failed precondition; false when processing goes on.
+bool answerPrecondition(HttpResponse_T res, int status) {
+        if (status == 412)
                 HttpResponse_sendError(res, 412, NULL);
-                return true;
-        }
-        return false;
+        else if (status)
+                HttpResponse_setStatus(res, status);
+        return status != 0;
 }
 
 // The mapping of the file as st describes it. A cached mapping of an older state of the
@@ -151,7 +151,11 @@ FileMap_T currentMapping(FileCache_T cache, bool compress, const char* path,
         return map;
 }
 
-int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
+// Serves the file the request names. With cachedOnly, as on the event loop, only a regular
+// file whose current form is in the file cache is answered, with 200 or 304, and anything
+// else returns 0 before the response is touched, so that a processor thread can answer it
+// as usual.
+int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent, bool cachedOnly) {
         FileCache_T cache = FileCache_getInstance();
         const char* relativePath = HttpRequest_getServletPath(req);
         Context_T context = HttpRequest_getContext(req);
@@ -161,23 +165,40 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
                 relativePath = "/";
         else if (*relativePath != '/' || Context_isPrivatePath(relativePath) ||
                  climbsUp(relativePath)) {
+                if (cachedOnly)
+                        return 0;
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
         }
         // Without an application directory there is nothing to serve.
         const char* docBase = context ? Context_getDocBase(context) : nullptr;
         if (!docBase || !*docBase) {
+                if (cachedOnly)
+                        return 0;
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
         }
         char path[kPathMax];
         _Str_join(path, kPathMax - 1, docBase, relativePath, (const char*)0);
         size_t length = strlen(path);
-        if (length && path[length - 1] == '/' &&
-            !findWelcomeFile(req, res, servletContext, path, strlen(docBase)))
-                return 1;
+        if (length && path[length - 1] == '/') {
+                if (cachedOnly || !findWelcomeFile(req, res, servletContext, path, strlen(docBase)))
+                        return cachedOnly ? 0 : 1;
+        }
+        bool acceptsGzip = HttpRequest_getAcceptEncoding(req) == 1;
+        // A file in neither form in the cache is not looked at on the event loop.
+        if (cachedOnly) {
+                FileMap_T seen = FileCache_find(cache, acceptsGzip, path);
+                if (!seen && acceptsGzip)
+                        seen = FileCache_find(cache, 0, path);
+                if (!seen)
+                        return 0;
+                FileCache_return(cache, seen);
+        }
         struct stat st;
         if (lstat(path, &st) != 0) {
+                if (cachedOnly)
+                        return 0;
                 if (errno == ENOENT) {
                         Error_error("[client %s] File does not exist: %s\n",
                                     HttpRequest_getRemoteAddr(req), path);
@@ -190,47 +211,73 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
                 return 1;
         }
         if (S_ISDIR(st.st_mode)) {
+                if (cachedOnly)
+                        return 0;
                 HttpResponse_sendRedirect(res, "%s/", HttpRequest_getRequestURL(req));
                 return 1;
         }
         // lstat, not stat: a symbolic link is neither and is never followed, not even
         // as a directory on the way to the file.
         if (!S_ISREG(st.st_mode) || linkOnTheWay(path, strlen(docBase))) {
+                if (cachedOnly)
+                        return 0;
                 HttpResponse_sendError(res, 404, "%s", kNotFound);
                 return 1;
         }
         Validators validators = validatorsOf(st.st_mtime, st.st_size);
-        HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
-        setLastModified(res, validators);
         const char* mimeType = ServletContext_getMimeType(servletContext, path);
-        HttpResponse_setContentType(res, mimeType ? mimeType : "text/plain");
-        HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
         // Such a file has two forms, and a shared cache must not give one for the other.
         bool twoForms = compressible(mimeType, st.st_size);
+        bool compress = twoForms && acceptsGzip;
+        int precondition = preconditionStatus(req, validators);
+        bool sendsBody = includeContent && st.st_size > 0 && precondition == 0;
+        FileMap_T map = nullptr;
+        if (cachedOnly) {
+                if (precondition == 412)
+                        return 0;
+                map = FileCache_find(cache, compress, path);
+                if (!map || !FileMap_isCurrent(map, &st)) {
+                        if (map)
+                                FileCache_return(cache, map);
+                        return 0;
+                }
+                // Counted as the one look-up that a processor thread makes for a body.
+                if (sendsBody) {
+                        Metrics_fileCacheLookup(1);
+                } else {
+                        FileCache_return(cache, map);
+                        map = nullptr;
+                }
+        }
+        HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
+        setLastModified(res, validators);
+        HttpResponse_setContentType(res, mimeType ? mimeType : "text/plain");
+        HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
         if (twoForms)
                 HttpResponse_setHeader(res, "Vary", "Accept-Encoding");
-        if (preconditionAnswered(req, res, validators))
+        if (answerPrecondition(res, precondition))
                 return 1;
-        if (!includeContent || st.st_size == 0) {
+        if (!sendsBody) {
                 HttpResponse_setContentLength(res, 0);
                 return 1;
         }
-        FileMap_T map =
-            currentMapping(cache, twoForms && HttpRequest_getAcceptEncoding(req) == 1, path, &st);
         if (!map) {
-                HttpResponse_sendError(res, 500, "Could not load the requested file");
-                return 1;
-        }
-        // The file changed again while it was being mapped: the answer describes what the
-        // mapping holds, and is decided on that.
-        if (!FileMap_isCurrent(map, &st)) {
-                File_T source = FileMap_getFile(map);
-                validators = validatorsOf(File_getMtime(source), File_getSize(source));
-                setLastModified(res, validators);
-                HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
-                if (preconditionAnswered(req, res, validators)) {
-                        FileCache_return(cache, map);
+                map = currentMapping(cache, compress, path, &st);
+                if (!map) {
+                        HttpResponse_sendError(res, 500, "Could not load the requested file");
                         return 1;
+                }
+                // The file changed again while it was being mapped: the answer describes
+                // what the mapping holds, and is decided on that.
+                if (!FileMap_isCurrent(map, &st)) {
+                        File_T source = FileMap_getFile(map);
+                        validators = validatorsOf(File_getMtime(source), File_getSize(source));
+                        setLastModified(res, validators);
+                        HttpResponse_setHeader(res, "ETag", "%s", validators.etag);
+                        if (answerPrecondition(res, preconditionStatus(req, validators))) {
+                                FileCache_return(cache, map);
+                                return 1;
+                        }
                 }
         }
         if (FileMap_isCompressed(map))
@@ -241,17 +288,17 @@ int serveResource(HttpRequest_T req, HttpResponse_T res, int includeContent) {
 }
 
 int doGet(HttpRequest_T req, HttpResponse_T res) {
-        return serveResource(req, res, 1);
+        return serveResource(req, res, 1, false);
 }
 
 int doHead(HttpRequest_T req, HttpResponse_T res) {
-        return serveResource(req, res, 0);
+        return serveResource(req, res, 0, false);
 }
 
 int doOptions(HttpRequest_T req, HttpResponse_T res) {
         const char* path = HttpRequest_getServletPath(req);
         if (path && *path && !strchr(path, '*'))
-                return serveResource(req, res, 0);
+                return serveResource(req, res, 0, false);
         HttpResponse_setHeader(res, "Accept-Ranges", "bytes");
         HttpResponse_setContentLength(res, 0);
         return 1;
@@ -275,4 +322,13 @@ void CreateDefaultServlet(Wrapper_T D) {
         Wrapper_setDoDelete(D, forbidden);
         Wrapper_setDoTrace(D, forbidden);
         Wrapper_setDoOptions(D, doOptions);
+}
+
+int DefaultServlet_serveCached(HttpRequest_T req, HttpResponse_T res) {
+        assert(req);
+        assert(res);
+        int method = HttpRequest_method(req);
+        if (method != HttpRequest_GET && method != HttpRequest_HEAD)
+                return 0;
+        return serveResource(req, res, method == HttpRequest_GET, true);
 }

@@ -161,6 +161,20 @@ FileMap_T FileCache_get(FileCache_T F, int compress, const char* path) {
         return map;
 }
 
+FileMap_T FileCache_find(FileCache_T F, int compress, const char* path) {
+        assert(F);
+        assert(path);
+        // The mutex is held while a file is mapped and compressed; a caller that must not
+        // wait takes a busy cache for a miss.
+        vesk::Lock lock(F->mutex, std::try_to_lock);
+        if (!lock)
+                return nullptr;
+        FileMap_T map = static_cast<FileMap_T>(Table_get(F->tables[compress ? 1 : 0], path));
+        if (map)
+                FileMap_state(map).fetch_add(1);
+        return map;
+}
+
 void FileCache_return(FileCache_T F, FileMap_T map) {
         assert(F);
         assert(map);

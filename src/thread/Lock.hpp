@@ -7,8 +7,10 @@
 // its owner's name logs every failure instead of raising.
 #pragma once
 
+#include <errno.h>
 #include <pthread.h>
 #include <exception>
+#include <mutex>
 
 #include <vesk/Error.h>
 #include <vesk/System.h>
@@ -52,6 +54,14 @@ class Lock {
 public:
         explicit Lock(pthread_mutex_t& mutex) : mutex_(mutex) { lock(); }
         Lock(pthread_mutex_t& mutex, const char* owner) : mutex_(mutex), owner_(owner) { lock(); }
+        // Takes the mutex only if it is free; the guard then tells whether it holds it. A
+        // busy mutex is no failure.
+        Lock(pthread_mutex_t& mutex, std::try_to_lock_t) : mutex_(mutex) {
+                int _yystatus = pthread_mutex_trylock(&mutex_);
+                held_ = _yystatus == 0;
+                if (!held_ && _yystatus != EBUSY)
+                        failed(_yystatus, "Acquiring lock error");
+        }
         ~Lock() noexcept(false) {
                 if (!held_)
                         return;

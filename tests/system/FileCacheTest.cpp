@@ -104,6 +104,26 @@ TEST_F(FileCacheFixture, MapsPlainAndWritable) {
         File_free(&again);
 }
 
+// The event loop's look-up: it hands out what is cached, per form, and never maps.
+TEST_F(FileCacheFixture, FindGivesWhatIsCachedAndNeverMaps) {
+        std::string path = dir.write("page.txt", content(5000));
+        EXPECT_EQ(FileCache_find(F, 0, path.c_str()), nullptr);
+        EXPECT_EQ(FileCache_files(F), 0);
+        FileMap_T map = FileCache_get(F, 0, path.c_str());
+        ASSERT_NE(map, nullptr);
+        EXPECT_EQ(FileCache_find(F, 1, path.c_str()), nullptr);
+        FileMap_T found = FileCache_find(F, 0, path.c_str());
+        EXPECT_EQ(found, map);
+        EXPECT_EQ(FileMap_getRefcount(map), 2);
+        FileCache_return(F, found);
+        // A discarded mapping is found no more, though its holder still reads it.
+        FileCache_discard(F, map);
+        EXPECT_EQ(FileCache_find(F, 0, path.c_str()), nullptr);
+        EXPECT_EQ(bytes(map), content(5000));
+        FileCache_return(F, map);
+        EXPECT_EQ(FileCache_files(F), 0);
+}
+
 TEST_F(FileCacheFixture, MappingRefusesWhatItCannotMap) {
         std::string empty = dir.write("empty", "");
         std::string plain = dir.write("plain", "x");
