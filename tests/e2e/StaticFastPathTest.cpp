@@ -110,9 +110,9 @@ TEST_P(StaticFastPath, CachedAnswersAreTheFirstAnswersAgain) {
                 EXPECT_TRUE(head.body.empty());
         }
         // The servlet's own fields come latest first, as they always have.
-        std::vector<std::string> plainFields = {"Date", "Server", "Content-Length", "Vary", "ETag",
-                                                "Content-Type", "Last-Modified", "Accept-Ranges",
-                                                "Connection", "Keep-Alive"};
+        std::vector<std::string> plainFields = {
+            "Date",         "Server",        "Content-Length", "Vary",       "ETag",
+            "Content-Type", "Last-Modified", "Accept-Ranges",  "Connection", "Keep-Alive"};
         EXPECT_EQ(fieldNames(once("/page.txt").head), plainFields);
         std::vector<std::string> gzipFields = plainFields;
         gzipFields.insert(gzipFields.begin() + 3, "Content-Encoding");
@@ -166,8 +166,9 @@ TEST_P(StaticFastPath, EveryAnswerIsLoggedAndCountedTheSame) {
                 ASSERT_EQ(once("/page.txt", "User-Agent: probe\r\n").status, 200) << i;
         ASSERT_EQ(once("/page.txt", "", "HEAD").status, 200);
         if (!GetParam()) {
-                std::string series = "vesk_requests_total{host=\"localhost\",context=\"/\","
-                                     "servlet=\"DefaultServlet\",method=\"";
+                std::string series =
+                    "vesk_requests_total{host=\"localhost\",context=\"/\","
+                    "servlet=\"DefaultServlet\",method=\"";
                 std::string scraped = roundTrip(home.port, "GET /metrics HTTP/1.0\r\n\r\n").body;
                 EXPECT_NE(scraped.find(series + "GET\",status=\"2xx\"} 4"), std::string::npos)
                     << scraped;
