@@ -43,11 +43,6 @@ VESK_API void Context_stop(Context_T C);
    no servlet takes gets 404. Returns the servlet's (or authenticator's) result.
    Checks "C", "req" and "res". */
 VESK_API int Context_invoke(Context_T C, HttpRequest_T req, HttpResponse_T res);
-/* Context_invoke for a request the default servlet can answer from the FileCache at once
-   (DefaultServlet_serveCached): a GET or HEAD in a context without security constraints,
-   naming no session. 1 when answered; 0 when req must go through Context_invoke, with
-   nothing answered. */
-VESK_API int Context_invokeCached(Context_T C, HttpRequest_T req, HttpResponse_T res);
 /* Sets context path and logger on req, touches its session (outside include and
    forward) and maps its URI; the Wrapper, or NULL. */
 VESK_API Wrapper_T Context_map(Context_T C, HttpRequest_T req, HttpResponse_T res);

@@ -14,8 +14,6 @@
 #define VESK_DEFAULTSERVLET_INCLUDED
 
 #include <vesk/Export.h>
-#include <vesk/HttpRequest.h>
-#include <vesk/HttpResponse.h>
 #include <vesk/Wrapper.h>
 
 VESK_BEGIN_DECLS
@@ -23,11 +21,6 @@ VESK_BEGIN_DECLS
 /* Installs the file-serving handlers on the virtual servlet D. Checks "D",
    "Wrapper_isVirtual(D)". */
 VESK_API void CreateDefaultServlet(Wrapper_T D);
-/* Answers a GET or HEAD mapped to the default servlet as it would, if the file's current
-   form is in the FileCache: 1 then. 0, with req and res untouched, for anything that would
-   need the disk read, the file mapped or an error page; it never waits. Checks "req",
-   "res". */
-VESK_API int DefaultServlet_serveCached(HttpRequest_T req, HttpResponse_T res);
 
 VESK_END_DECLS
 

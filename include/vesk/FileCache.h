@@ -33,9 +33,6 @@ VESK_API void FileCache_free(void);
    it cannot be mapped (logged, errno set as by File_map). */
 VESK_API FileMap_T FileCache_get(FileCache_T F, int compress, const char* path);
 
-/* The mapping of path already in the cache, as FileCache_get would give it, with one more
-   reference; NULL when it is not cached or the cache is busy. Never maps, never waits. */
-VESK_API FileMap_T FileCache_find(FileCache_T F, int compress, const char* path);
 /* Gives back one reference to map. */
 VESK_API void FileCache_return(FileCache_T F, FileMap_T map);
 

@@ -38,6 +38,7 @@
 #include <vesk/assert.h>
 
 #include "ssl/SSLTransport.hpp"
+#include "kernel/Context.hpp"
 
 namespace {
 

@@ -22,6 +22,8 @@
 #include <vesk/Table.h>
 #include <vesk/URL.h>
 #include <vesk/assert.h>
+#include "kernel/Context.hpp"
+#include "servlets/DefaultServlet.hpp"
 
 struct Context_S {
         Table_T servletMapping;

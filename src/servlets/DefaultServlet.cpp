@@ -20,6 +20,8 @@
 #include <vesk/System.h>
 #include <vesk/Time.h>
 #include <vesk/assert.h>
+#include "servlets/DefaultServlet.hpp"
+#include "system/FileCache.hpp"
 
 namespace {
 

@@ -19,6 +19,7 @@
 #include "thread/Lock.hpp"
 
 #include <vesk/assert.h>
+#include "system/FileCache.hpp"
 
 struct FileCache_S {
         int files;

@@ -22,6 +22,7 @@
 #include "support/TempDir.hpp"
 
 #include <vesk/assert.h>
+#include "system/FileCache.hpp"
 
 namespace {
 
