@@ -294,6 +294,21 @@ void dispatch(HttpConnector_T H, EventHandler_T handler, InetAddress_T inet,
         Reactor_registerHandler(H->reactor, handler, Reactor_Read);
 }
 
+// A raise while a request was processed: logged, and the client answered 500.
+void answerRaised(const Exception_Frame& frame, HttpRequest_T req, HttpResponse_T res) {
+        const char* name = frame.exception->name;
+        Error_error("%s: %s raised in %s at %s:%d when processing URL %s\n", name, frame.message,
+                    frame.func, frame.file, frame.line, HttpRequest_getRequestURI(req));
+        HttpResponse_sendError(res, 500, "%s: %s. See error log for details", name, frame.message);
+}
+
+// A raise while an answer was finalized: logged only, what is buffered still goes out.
+void logRaisedAtEnd(const Exception_Frame& frame, HttpRequest_T req) {
+        Error_error("%s: %s raised in %s at %s:%d when ending URL %s\n", frame.exception->name,
+                    frame.message, frame.func, frame.file, frame.line,
+                    HttpRequest_getRequestURI(req));
+}
+
 // Answers on the event loop, with no processor thread, a request that the default servlet
 // can serve from the file cache at once: the same invoke, finalizing, counting, writing and
 // logging as a dispatched request gets, less the two thread switches. A request it cannot
@@ -310,12 +325,7 @@ bool answerOnLoop(HttpConnector_T H, EventHandler_T handler, InetAddress_T inet,
                     pthread_setspecific(Request_Arena, HttpRequest_getArena(request)));
                 answered = Context_invokeCached(context, request, response);
         ELSE
-                const char* name = Exception_frame.exception->name;
-                Error_error("%s: %s raised in %s at %s:%d when processing URL %s\n", name,
-                            Exception_frame.message, Exception_frame.func, Exception_frame.file,
-                            Exception_frame.line, HttpRequest_getRequestURI(request));
-                HttpResponse_sendError(response, 500, "%s: %s. See error log for details", name,
-                                       Exception_frame.message);
+                answerRaised(Exception_frame, request, response);
                 answered = true;
         FINALLY
                 pthread_setspecific(Request_Arena, nullptr);
@@ -328,10 +338,7 @@ bool answerOnLoop(HttpConnector_T H, EventHandler_T handler, InetAddress_T inet,
         TRY
                 HttpResponse_finalize(response);
         ELSE
-                Error_error("%s: %s raised in %s at %s:%d when ending URL %s\n",
-                            Exception_frame.exception->name, Exception_frame.message,
-                            Exception_frame.func, Exception_frame.file, Exception_frame.line,
-                            HttpRequest_getRequestURI(request));
+                logRaisedAtEnd(Exception_frame, request);
         END_TRY;
         Metrics_end(request, response, started);
         H->busy++;
@@ -839,12 +846,7 @@ void process(HttpRequest_T req, HttpResponse_T response, InetAddress_T inet, Con
                 else
                         HttpResponse_sendError(response, 400, "Too many parameters");
         ELSE
-                const char* name = Exception_frame.exception->name;
-                Error_error("%s: %s raised in %s at %s:%d when processing URL %s\n", name,
-                            Exception_frame.message, Exception_frame.func, Exception_frame.file,
-                            Exception_frame.line, HttpRequest_getRequestURI(req));
-                HttpResponse_sendError(response, 500, "%s: %s. See error log for details", name,
-                                       Exception_frame.message);
+                answerRaised(Exception_frame, req, response);
         FINALLY
                 pthread_setspecific(Request_Arena, nullptr);
                 SSLThreadCleanup();
@@ -866,10 +868,7 @@ void Processor_Thread(void* item) {
         TRY
                 process(req, response, inet, context);
         ELSE
-                Error_error("%s: %s raised in %s at %s:%d when ending URL %s\n",
-                                 Exception_frame.exception->name, Exception_frame.message,
-                                 Exception_frame.func, Exception_frame.file, Exception_frame.line,
-                                 HttpRequest_getRequestURI(req));
+                logRaisedAtEnd(Exception_frame, req);
         END_TRY;
         Metrics_end(req, response, started);
         ssize_t n;
