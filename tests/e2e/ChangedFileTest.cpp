@@ -15,15 +15,6 @@ namespace {
 
 using namespace e2e;
 
-// Text that differs on every line, so that deflate takes a while over it.
-std::string text(size_t size, const std::string& tag) {
-        std::string s;
-        for (unsigned i = 0; s.size() < size; i++)
-                s += tag + std::to_string(i * 2654435761u) + "\n";
-        s.resize(size);
-        return s;
-}
-
 // Rewrites path in place, as cp does, then sets mtime if one is given.
 void rewrite(const std::string& path, const std::string& content, time_t mtime = 0) {
         int fd = open(path.c_str(), O_WRONLY | O_TRUNC);
@@ -56,7 +47,7 @@ protected:
 };
 
 TEST_P(ChangedFile, ValidatorsDescribeTheBytesSent) {
-        rewrite(home.write("webapps/ROOT/page.txt", ""), text(6000, "first"), 1000000000);
+        rewrite(home.write("webapps/ROOT/page.txt", ""), varyingText(6000, "first"), 1000000000);
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         struct Change {
@@ -71,7 +62,7 @@ TEST_P(ChangedFile, ValidatorsDescribeTheBytesSent) {
                 // Both forms are cached before the change.
                 Reply old = get();
                 get("Accept-Encoding: gzip\r\n");
-                std::string content = text(4000 + 1000 * c.rename, c.what);
+                std::string content = varyingText(4000 + 1000 * c.rename, c.what);
                 if (c.rename) {
                         rewrite(home.write("webapps/ROOT/page.new", ""), content, c.mtime);
                         rename((home / "webapps/ROOT/page.new").c_str(), path.c_str());
@@ -95,7 +86,7 @@ TEST_P(ChangedFile, ValidatorsDescribeTheBytesSent) {
 // The gzip form is made from a mapping of the file: one cut short meanwhile fails that
 // request with 500, and the next one compresses the file as it is now.
 TEST_P(ChangedFile, CutShortWhileCompressedFailsOnlyThatRequest) {
-        std::string large = text(32 << 20, "large"), small = text(3000, "small");
+        std::string large = varyingText(32 << 20, "large"), small = varyingText(3000, "small");
         home.write("webapps/ROOT/page.txt", large);
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
@@ -148,13 +139,13 @@ TEST_P(ChangedFile, CutShortWhileSentAbortsOnlyThatResponse) {
                        makeCertificate(home, "conf/server.pem") +
                        "\">\n<Context path=\"\" docBase=\"ROOT\"/>\n</Host>\n"
                        "</Engine>\n</Service>\n</Server>\n");
-        std::string large = text(16 << 20, "large");
+        std::string large = varyingText(16 << 20, "large");
         home.write("webapps/ROOT/page.txt", large);
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         for (bool secure : {false, true}) {
                 const char* what = secure ? "TLS" : "plain";
-                std::string small = text(2000 + secure, what), ask = request("/page.txt");
+                std::string small = varyingText(2000 + secure, what), ask = request("/page.txt");
                 rewrite(path, large);
                 // The client reads slowly, so the server is still sending when the cut comes.
                 int s = dial(secure ? securePort : home.port, 4096);

@@ -28,14 +28,6 @@ std::string kept(const std::string& method, const std::string& uri,
         return method + " " + uri + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n";
 }
 
-std::vector<std::string> lines(const std::string& text) {
-        std::vector<std::string> all;
-        std::istringstream in(text);
-        for (std::string line; std::getline(in, line);)
-                all.push_back(line);
-        return all;
-}
-
 class ResponseHeaders : public testing::TestWithParam<bool> {
 protected:
         ResponseHeaders() {

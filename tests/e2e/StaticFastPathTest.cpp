@@ -19,15 +19,6 @@ namespace {
 
 using namespace e2e;
 
-// Text that differs on every line, so that it compresses to less than itself.
-std::string text(size_t size, const std::string& tag) {
-        std::string s;
-        for (unsigned i = 0; s.size() < size; i++)
-                s += tag + std::to_string(i * 2654435761u) + "\n";
-        s.resize(size);
-        return s;
-}
-
 // Rewrites path in place, as cp does, and gives it mtime.
 void rewrite(const std::string& path, const std::string& content, time_t mtime) {
         int fd = open(path.c_str(), O_WRONLY | O_TRUNC);
@@ -55,14 +46,6 @@ std::vector<std::string> fieldNames(const std::string& head) {
         return names;
 }
 
-std::vector<std::string> lines(const std::string& text) {
-        std::vector<std::string> all;
-        std::istringstream in(text);
-        for (std::string line; std::getline(in, line);)
-                all.push_back(line);
-        return all;
-}
-
 std::string kept(const std::string& uri, const std::string& headers = "",
                  const std::string& method = "GET") {
         return method + " " + uri + " HTTP/1.1\r\nHost: localhost\r\n" + headers + "\r\n";
@@ -85,7 +68,7 @@ protected:
 };
 
 TEST_P(StaticFastPath, CachedAnswersAreTheFirstAnswersAgain) {
-        std::string page = text(3000, "page");
+        std::string page = varyingText(3000, "page");
         home.write("webapps/ROOT/page.txt", page);
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
@@ -122,7 +105,7 @@ TEST_P(StaticFastPath, CachedAnswersAreTheFirstAnswersAgain) {
 }
 
 TEST_P(StaticFastPath, PreconditionsAnswerAsBefore) {
-        home.write("webapps/ROOT/page.txt", text(3000, "page"));
+        home.write("webapps/ROOT/page.txt", varyingText(3000, "page"));
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         Reply head = once("/page.txt", "", "HEAD");
@@ -159,7 +142,7 @@ TEST_P(StaticFastPath, EveryAnswerIsLoggedAndCountedTheSame) {
                            "<Metrics path=\"/metrics\" allow=\"127.0.0.1\"/>\n");
                 home.write("conf/server.xml", xml);
         }
-        home.write("webapps/ROOT/page.txt", text(3000, "page"));
+        home.write("webapps/ROOT/page.txt", varyingText(3000, "page"));
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         for (int i = 0; i < 4; i++)
@@ -223,17 +206,17 @@ TEST_P(StaticFastPath, KeptConnectionEndsAfterItsLastRequest) {
 
 TEST_P(StaticFastPath, FileChangedOnDiskIsSeenByTheNextRequest) {
         std::string path = home.write("webapps/ROOT/page.txt", "");
-        rewrite(path, text(3000, "old"), 1000000000);
+        rewrite(path, varyingText(3000, "old"), 1000000000);
         Server server(home, GetParam());
         ASSERT_TRUE(server.ready()) << server.failure() << readFile(home / "logs/launcher.out");
         int s = dial(home.port);
         ASSERT_GE(s, 0);
         for (int i = 0; i < 2; i++) {
                 sendAll(s, kept("/page.txt"));
-                EXPECT_EQ(parse(readResponse(s)).body, text(3000, "old"));
+                EXPECT_EQ(parse(readResponse(s)).body, varyingText(3000, "old"));
         }
         // The same size and second, rewritten in place, then a new size.
-        for (const std::string& now : {text(3000, "new"), text(2000, "newer")}) {
+        for (const std::string& now : {varyingText(3000, "new"), varyingText(2000, "newer")}) {
                 rewrite(path, now, 1000000000);
                 sendAll(s, kept("/page.txt"));
                 Reply r = parse(readResponse(s));
@@ -273,7 +256,7 @@ TEST_P(StaticFastPath, ConstrainedFileAsksForLoginEachTime) {
 }
 
 TEST_P(StaticFastPath, LargeFileIsSentWholeAndACutOneAbortsOnlyItsResponse) {
-        std::string large = text(6 << 20, "large"), small = text(70000, "small");
+        std::string large = varyingText(6 << 20, "large"), small = varyingText(70000, "small");
         std::string path = home.write("webapps/ROOT/big.txt", large);
         home.write("webapps/ROOT/other.txt", small);
         Server server(home, GetParam());

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <future>
+#include <sstream>
 #include <vector>
 
 #include <vesk/Build.h>
@@ -29,6 +30,24 @@ using namespace std::chrono_literals;
 // Names the two ways a suite runs: the launcher in a child process, or Build on a thread here.
 inline std::string way(const testing::TestParamInfo<bool>& info) {
         return info.param ? "InProcess" : "Launcher";
+}
+
+// Text that differs on every line: gzip shrinks it, but not to nothing, and takes a while.
+inline std::string varyingText(size_t size, const std::string& tag) {
+        std::string s;
+        for (unsigned i = 0; s.size() < size; i++)
+                s += tag + std::to_string(i * 2654435761u) + "\n";
+        s.resize(size);
+        return s;
+}
+
+// The lines of text, without their newlines.
+inline std::vector<std::string> lines(const std::string& text) {
+        std::vector<std::string> all;
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);)
+                all.push_back(line);
+        return all;
 }
 
 inline bool exists(const std::string& path) {
